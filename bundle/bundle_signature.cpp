@@ -1,0 +1,51 @@
+#include <stdexcept>
+
+#include "bundle/bundle.h"
+#include "main/zelo_exception.h"
+#include "utils/command_runner.h"
+#include "utils/device.h"
+#include "utils/files.h"
+#include "utils/log.h"
+
+namespace zelo {
+namespace {
+
+constexpr const char* developmentKey = "/etc/zelo/pubkeydev.pem";
+constexpr const char* productionKey = "/etc/zelo/pubkeyprod.pem";
+constexpr const char* accepted = "Verified OK\n";
+constexpr const char* decodedSuffix = ".sha256";
+
+}  // namespace
+
+void ZeloInstallerBundle::validate() const {
+  if (debugFeaturesEnabled()) {
+    try {
+      verifySignature(developmentKey);
+      return;
+    } catch (const std::runtime_error& error) {
+      logError("E def:zeloinstall:zeloinstallerbundle:validation failed against dev key due to %s",
+               error.what());
+    }
+  }
+  try {
+    verifySignature(productionKey);
+  } catch (const std::runtime_error& error) {
+    throw ZeloException(ERROR_CODE_VALIDATION, error.what());
+  }
+}
+
+void ZeloInstallerBundle::verifySignature(const std::string& keyPath) const {
+  const std::string decodedPath = decodeSignature(signaturePath_);
+  const std::string output = runCommand(
+      {"/usr/bin/openssl", "dgst", "-sha256", "-verify", keyPath, "-signature", decodedPath, bundlePath_});
+  if (output != accepted) throw std::runtime_error(output);
+}
+
+std::string decodeSignature(const std::string& signaturePath) {
+  const std::string decoded = runCommand({"/bin/base64", "-d", signaturePath});
+  const std::string decodedPath = signaturePath + decodedSuffix;
+  writeFile(decodedPath, decoded);
+  return decodedPath;
+}
+
+}  // namespace zelo

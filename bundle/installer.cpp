@@ -1,0 +1,26 @@
+#include "bundle/installer.h"
+
+#include <stdexcept>
+
+#include "main/zelo_exception.h"
+#include "utils/command_runner.h"
+#include "utils/paths.h"
+
+namespace zelo {
+namespace {
+
+constexpr const char* scriptFileName = "run.sh";
+
+}  // namespace
+
+ZeloInstaller::ZeloInstaller(const std::string& directory) : directory_(directory) {}
+
+void ZeloInstaller::run() const {
+  try {
+    (void)runCommand({joinPath(directory_, scriptFileName)});
+  } catch (const std::runtime_error& error) {
+    throw ZeloException(ERROR_CODE_INSTALLER, error.what());
+  }
+}
+
+}  // namespace zelo

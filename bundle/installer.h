@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+namespace zelo {
+
+/// An unpacked bundle, ready to run.
+class ZeloInstaller {
+ public:
+  explicit ZeloInstaller(const std::string& directory);
+  ZeloInstaller(const ZeloInstaller&) = default;
+  ZeloInstaller& operator=(const ZeloInstaller&) = default;
+  virtual ~ZeloInstaller() = default;
+
+  /// Runs the bundle's script without arguments; what it prints on standard output is dropped. Throws
+  /// `ZeloException` with the installer code.
+  void run() const;
+
+ private:
+  std::string directory_;
+};
+
+}  // namespace zelo

@@ -1,0 +1,60 @@
+#include "download/bundle_metadata.h"
+
+#include "download/address_policy.h"
+#include "download/address_template.h"
+#include "download/retry.h"
+#include "download/transfer_wrapper.h"
+#include "download/work_directory.h"
+#include "main/zelo_exception.h"
+#include "utils/device.h"
+#include "utils/files.h"
+#include "utils/json_wrapper.h"
+#include "utils/paths.h"
+#include "utils/settings.h"
+#include "utils/url_encode.h"
+
+namespace zelo {
+namespace {
+
+constexpr const char* documentFileName = "zelo_installer_meta.json";
+constexpr const char* signatureFileName = "zelo_installer.tar.gz.sig";
+
+}  // namespace
+
+ZeloInstallerBundleMetadata::ZeloInstallerBundleMetadata() : ZeloInstallerBundleMetadata(download()) {}
+
+ZeloInstallerBundleMetadata::ZeloInstallerBundleMetadata(const std::string& url,
+                                                         const std::string& signaturePath)
+    : url_(url), signaturePath_(signaturePath) {}
+
+std::string ZeloInstallerBundleMetadata::buildMetadataUrl() {
+  const std::string version = urlEncode(getSoftwareVersionText());
+  const std::string packageName = urlEncode(getSoftwarePackageNameText());
+  return expandAddressTemplate(getConfigValue(METADATA_URL_KEY), version, packageName);
+}
+
+ZeloInstallerBundleMetadata ZeloInstallerBundleMetadata::download() {
+  const DownloadLimits limits = readDownloadLimits();
+  const std::string documentPath = joinPath(g_work_directory, documentFileName);
+  const std::string metadataUrl = buildMetadataUrl();
+  return withRetries(limits.retries, "metadata",
+                     [&] { return attempt(metadataUrl, documentPath, limits.timeoutSeconds); });
+}
+
+ZeloInstallerBundleMetadata ZeloInstallerBundleMetadata::attempt(const std::string& metadataUrl,
+                                                                 const std::string& documentPath,
+                                                                 int timeoutSeconds) {
+  TransferWrapper transfer(metadataUrl, REQUEST_METHOD, "", documentPath);
+  transfer.download(timeoutSeconds);
+
+  const JSONWrapper document(readFile(documentPath));
+  const std::string url = document.getString("url");
+  const std::string signaturePath = joinPath(getParentDirectory(documentPath), signatureFileName);
+  writeFile(signaturePath, document.getString("signature"));
+  if (isAddressNotAllowed(url)) {
+    throw ZeloException(ERROR_CODE_DOWNLOAD, "http/loopback address not allowed");
+  }
+  return {url, signaturePath};
+}
+
+}  // namespace zelo

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <stdexcept>
+
+#include "main/zelo_exception.h"
+#include "utils/log.h"
+
+namespace zelo {
+
+/// The settings of a download stage, read once per stage.
+struct DownloadLimits {
+  int retries;
+  int timeoutSeconds;
+};
+
+/// Throws as `getDownloadRetries` and `getDownloadTimeoutSeconds` do, which it calls in this order.
+[[nodiscard]] DownloadLimits readDownloadLimits();
+
+/// Pauses for as many seconds as attempts came before, or as can be counted.
+void pauseBeforeAttempt(int attempt);
+
+/// Calls `attempt` until it succeeds, at most `retries` times more than once, and returns its result.
+/// Every `std::runtime_error` is logged; the last one becomes a `ZeloException` with the download
+/// code. Other exceptions pass through at once. Negative `retries` throw `std::runtime_error`
+/// "illegal state".
+template <typename Attempt>
+auto withRetries(int retries, const char* subject, Attempt attempt) -> decltype(attempt()) {
+  for (int n = 0; n <= retries; ++n) {
+    try {
+      pauseBeforeAttempt(n);
+      return attempt();
+    } catch (const std::runtime_error& error) {
+      logWarning("W def:zeloinstall:ZeloInstallerBundleMetadata:%s download failed due to %s", subject,
+                 error.what());
+      if (n == retries) throw ZeloException(ERROR_CODE_DOWNLOAD, error.what());
+    }
+  }
+  throw std::runtime_error("illegal state");
+}
+
+}  // namespace zelo

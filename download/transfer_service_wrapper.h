@@ -1,0 +1,34 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/kbus.h"
+#include "platform/xfr.h"
+
+/// The daemon's name on the message bus.
+inline constexpr const char* SERVICE_NAME = "com.qorvex.zeloinstall";
+
+/// Owns the connection to the message bus and the client of the transfer service. One process-wide
+/// object, built before `main` runs.
+class TransferServiceWrapper {
+ public:
+  /// Throws `std::runtime_error` "Failed to initialize kbus handle". A client that does not get ready
+  /// is only logged: the downloads fail then.
+  TransferServiceWrapper();
+  TransferServiceWrapper(const TransferServiceWrapper&) = delete;
+  TransferServiceWrapper& operator=(const TransferServiceWrapper&) = delete;
+  virtual ~TransferServiceWrapper() = default;
+
+  [[nodiscard]] xfr::TransferServiceImpl* service() const { return service_.get(); }
+
+ private:
+  struct CloseBus {
+    void operator()(KbusHandleStruct* handle) const { KbusClose(handle); }
+  };
+
+  std::unique_ptr<KbusHandleStruct, CloseBus> bus_;
+  std::unique_ptr<xfr::TransferServiceImpl> service_;  // behind the bus: deleted before it is closed
+};
+
+/// The client that every download uses; callable from any thread once `main` runs.
+[[nodiscard]] xfr::TransferServiceImpl* getTransferService();

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "platform/xfr.h"
+
+namespace zelo {
+
+/// The request method of every download.
+inline constexpr const char* REQUEST_METHOD = "GET";
+
+/// One blocking download of one address into one file; hears the transfer service's reports about it.
+class TransferWrapper : public xfr::TransferListener {
+ public:
+  TransferWrapper(const std::string& sourceAddress, const std::string& method, const std::string& passThrough,
+                  const std::string& destinationPath);
+  TransferWrapper(const TransferWrapper&) = delete;
+  TransferWrapper& operator=(const TransferWrapper&) = delete;
+
+  /// Hands the request to the transfer service and waits until it reports an end or `timeoutSeconds`
+  /// have passed since the call. Returns when the service has reported completion. Throws
+  /// `std::runtime_error` "clock_gettime failed", "initiating download failed" or "download failed".
+  /// At most one call for each object. Whatever has been written to the destination stays there.
+  void download(int timeoutSeconds);
+
+  void onProgress(xfr::TransferStatus* transferStatus) override;
+
+  /// Takes the handle over.
+  void setTransfer(xfr::Transfer* transfer) override;
+  [[nodiscard]] xfr::Transfer* getTransfer() override;
+
+  ~TransferWrapper() override;
+
+ private:
+  class Lock;
+
+  void waitForEnd(const timespec& deadline);
+  void signalEnd();
+
+  const std::string sourceAddress_;
+  const std::string method_;
+  const std::string passThrough_;
+  const std::string destinationPath_;
+  // pthread's own types: the deadline is measured by the realtime clock that their defaults name.
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t condition_ = PTHREAD_COND_INITIALIZER;
+  std::unique_ptr<xfr::TransferRequestDescImpl> request_;
+  // The reports arrive on a thread of the transfer library; the mutex guards what both threads use.
+  std::unique_ptr<xfr::Transfer> transfer_;
+  bool completed_ = false;
+  bool ended_ = false;
+};
+
+/// `now` plus `seconds`, as far as time_t can count.
+[[nodiscard]] timespec deadlineAfter(timespec now, int seconds);
+
+}  // namespace zelo

@@ -1,0 +1,12 @@
+#pragma once
+
+/// Starts the threads that end the process once a termination signal has arrived: they write the
+/// "going down" line, wait until no started program is running, release the lock and end the process
+/// by the same signal. To be called before `shutdownHandler` is installed; throws `std::system_error`
+/// when the threads cannot be started.
+void startShutdownThreads();
+
+/// As the handler of a termination signal: hands the signal over to the shutdown threads
+/// (async-signal-safe). With 0, at the end of a run: writes the "going down" line and releases the
+/// lock, unless a signal is ending the process already; then it does not return.
+void shutdownHandler(int signum);

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+/// The lock's handle; -1 before the check and once the lock has been released.
+extern std::atomic<std::int32_t> g_singleton_handle;
+
+/// Takes the lock that only one instance can hold. Throws `std::runtime_error` "one more instance of
+/// zeloinstall is running." when another one holds it.
+void checkSingleInstance();
+
+/// Releases the lock if it is held, from whichever thread comes first; any other waits until it is
+/// released. A second release could hit the lock of the next instance.
+void releaseSingleInstance();

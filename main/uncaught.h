@@ -1,0 +1,9 @@
+#pragma once
+
+namespace zelo {
+
+/// From here on an exception that nothing catches, in whatever thread, ends the process with status 1:
+/// one error line, no abort, no core.
+void endOnUncaughtExceptions() noexcept;
+
+}  // namespace zelo

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+namespace zelo {
+
+/// The codes that reach the user. "00" is a failure like the others: success is never reported.
+inline constexpr const char* ERROR_CODE_VALIDATION = "00";
+inline constexpr const char* ERROR_CODE_EXTRACTION = "01";
+inline constexpr const char* ERROR_CODE_DOWNLOAD = "02";
+inline constexpr const char* ERROR_CODE_INSTALLER = "03";
+inline constexpr const char* ERROR_CODE_UNKNOWN = "99";
+
+/// A failure that reaches the user. Not a `std::runtime_error`: the stages catch those and let this pass.
+class ZeloException : public std::exception {
+ public:
+  ZeloException(const std::string& code, const std::string& message);
+
+  /// "zelo exception: ", the message, ". code=" and the code.
+  [[nodiscard]] const char* what() const noexcept override;
+
+  /// All that the user is told.
+  [[nodiscard]] virtual std::string getCode() const;
+
+ private:
+  std::string code_;
+  std::string fullMessage_;
+};
+
+}  // namespace zelo

@@ -1,0 +1,13 @@
+#pragma once
+
+struct cJSON;
+
+/// The platform's addition to cJSON.
+
+extern "C" {
+
+/// The text of the string member `name` of `object`, matched with regard to letter case; owned by the
+/// tree and valid while the tree lives. `fallback` when there is no such member or it is not a string.
+const char* cJSON_GetStringItem(const cJSON* object, const char* name, const char* fallback);
+
+}  // extern "C"

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include <memory>
+#include <string>
+
+/// What the daemon's side of the bus and the bus's tools share.
+namespace kbus {
+
+struct Unref {
+  void operator()(gpointer object) const { g_object_unref(object); }
+};
+struct FreeError {
+  void operator()(GError* error) const { g_error_free(error); }
+};
+struct UnrefVariant {
+  void operator()(GVariant* variant) const { g_variant_unref(variant); }
+};
+
+using Connection = std::unique_ptr<GDBusConnection, Unref>;
+using Error = std::unique_ptr<GError, FreeError>;
+using Variant = std::unique_ptr<GVariant, UnrefVariant>;
+
+/// Connects to the device's bus; null with `error` set when there is none. The process's SIGPIPE
+/// action stays as it is.
+[[nodiscard]] Connection connect(Error& error);
+
+/// Asks for a name without waiting in line for it. False, with `error` set unless another owns it.
+[[nodiscard]] bool claimName(GDBusConnection* connection, const char* name, Error& error);
+
+/// The path of the object that a dotted name stands for: "/com/qorvex" for "com.qorvex".
+[[nodiscard]] std::string objectPath(const std::string& dottedName);
+
+}  // namespace kbus

@@ -1,0 +1,42 @@
+#include "platform/device_info.h"
+
+#include <glib.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+constexpr const char* infoFile = "/etc/device-info";
+constexpr const char* group = "device";
+
+using Text = std::unique_ptr<char, decltype(&g_free)>;
+
+Text infoValue(const char* key) {
+  const std::unique_ptr<GKeyFile, decltype(&g_key_file_unref)> file(g_key_file_new(), g_key_file_unref);
+  if (g_key_file_load_from_file(file.get(), infoFile, G_KEY_FILE_NONE, nullptr) == FALSE)
+    return {nullptr, g_free};
+  return {g_key_file_get_string(file.get(), group, key, nullptr), g_free};
+}
+
+}  // namespace
+
+int getSoftwareVersion(std::int64_t* version) {
+  const Text text = infoValue("software_version");
+  if (!text || text.get()[0] == '\0') return -1;
+  char* end = nullptr;
+  errno = 0;
+  const long long number = std::strtoll(text.get(), &end, 10);
+  if (errno != 0 || *end != '\0') return -1;
+  *version = number;
+  return 0;
+}
+
+int getSoftwarePackageName(char** name) {
+  const Text text = infoValue("software_package_name");
+  if (!text) return -1;
+  *name = strdup(text.get());
+  return *name == nullptr ? -1 : 0;
+}

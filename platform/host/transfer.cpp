@@ -1,0 +1,79 @@
+#include "platform/host/transfer.h"
+
+#include <csignal>
+#include <system_error>
+
+namespace xfr {
+namespace {
+
+constexpr int transferring = 4;
+
+struct Status final : TransferStatus {
+  Status(int idValue, int stateValue, int errorCodeValue)
+      : id(idValue), state(stateValue), errorCode(errorCodeValue) {}
+  int getId() override { return id; }
+  int getState() override { return state; }
+  int getErrorCode() override { return errorCode; }
+  int getDeferredCode() override { return 0; }
+
+  int id;
+  int state;
+  int errorCode;
+};
+
+/// Blocks all signals: a thread started meanwhile has them blocked from birth. They are the
+/// process's business, and a connection that breaks while it is written to must not end the process.
+class BlockSignals {
+ public:
+  BlockSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  BlockSignals(const BlockSignals&) = delete;
+  BlockSignals& operator=(const BlockSignals&) = delete;
+  ~BlockSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_{};
+};
+
+}  // namespace
+
+HttpTransfer::HttpTransfer(int id, const std::string& address, const std::string& destination,
+                           TransferListener& listener)
+    : id_(id), listener_(listener), download_(address, destination) {}
+
+HttpTransfer::~HttpTransfer() {
+  finish();
+}
+
+bool HttpTransfer::start() {
+  const BlockSignals block;
+  try {
+    thread_ = std::thread([this] { run(); });
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
+void HttpTransfer::finish() {
+  finishing_ = true;
+  download_.cancel();
+  if (thread_.joinable()) thread_.join();
+}
+
+void HttpTransfer::run() {
+  report(transferring, 0);
+  const int result = download_.run();
+  report(result == HttpDownload::succeeded ? downloadCompleted : transferFailed, result);
+}
+
+void HttpTransfer::report(int state, int errorCode) {
+  if (finishing_) return;
+  Status status(id_, state, errorCode);
+  listener_.onProgress(&status);
+}
+
+}  // namespace xfr

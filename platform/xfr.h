@@ -1,0 +1,101 @@
+#pragma once
+
+#include <glib.h>
+
+#include <memory>
+
+#include "platform/kbus.h"
+
+/// The client library of the device's transfer service. The order of the virtual operations is part
+/// of the interface: the library and its users call each other through it.
+namespace xfr {
+
+/// Values of `TransferStatus::getState`; every other value is an intermediate report.
+inline constexpr int transferDeferred = 6;
+inline constexpr int downloadCompleted = 8;
+inline constexpr int transferFailed = 9;
+
+/// Value of `TransferStatus::getDeferredCode` when items of higher priority go first; the transfer
+/// goes on later.
+inline constexpr int deferredForHighPriorityItems = 9;
+
+/// The service's handle for a submitted request. Belongs to whoever submitted it.
+class Transfer {
+ public:
+  virtual const int& getId() = 0;
+  virtual ~Transfer() = default;
+};
+
+/// A progress report, valid for the length of one `TransferListener::onProgress`.
+class TransferStatus {
+ public:
+  virtual int getId() = 0;
+  virtual int getState() = 0;
+  virtual int getErrorCode() = 0;
+  virtual int getDeferredCode() = 0;
+
+ protected:
+  ~TransferStatus() = default;
+};
+
+/// Hears the reports about one transfer, on a thread of the library.
+class TransferListener {
+ public:
+  virtual void onProgress(TransferStatus* transferStatus) = 0;
+  /// Hands over the handle of the request that names this listener, at the latest when
+  /// `initiateTransfer` returns; the listener's owner is the owner of the handle.
+  virtual void setTransfer(Transfer* transfer) = 0;
+  virtual Transfer* getTransfer() = 0;
+  virtual ~TransferListener() = default;
+};
+
+/// What to transfer. The texts are not copied: they and the listener must outlive the descriptor.
+class TransferRequestDescImpl {
+ public:
+  TransferRequestDescImpl(const char* sourceAddress, const char* unused2, const char* method,
+                          const char* destinationPath, const char* unused5, int unused6, const char* unused7,
+                          GHashTable* unused8, const char* clientName, const char* unused10,
+                          const char* displayAddress, const char* unused12, const char* passThrough,
+                          int unused14, int unused15, const char* requestName, TransferListener* listener,
+                          bool unused18, int unused19, const char* unused20);
+  TransferRequestDescImpl(const TransferRequestDescImpl&) = delete;
+  TransferRequestDescImpl& operator=(const TransferRequestDescImpl&) = delete;
+  virtual ~TransferRequestDescImpl();
+
+ private:
+  friend class TransferServiceImpl;
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+/// The client of the transfer service, reached over an open bus.
+class TransferServiceImpl {
+ public:
+  /// `bus` must outlive the client.
+  explicit TransferServiceImpl(KbusHandleStruct* bus);
+  TransferServiceImpl(const TransferServiceImpl&) = delete;
+  TransferServiceImpl& operator=(const TransferServiceImpl&) = delete;
+
+  /// True when the client is ready.
+  virtual bool initialize();
+
+  /// Submits a request. Returns the handle, the same that the listener may have been given already and
+  /// that belongs to the caller; null when the service refuses the request. Reports may reach the
+  /// listener before this returns.
+  virtual Transfer* initiateTransfer(TransferRequestDescImpl* request);
+
+  /// Pauses a transfer; keeps its place in the order of the operations.
+  virtual int suspendTransfer(Transfer* transfer);
+
+  /// Ends the service's work on a transfer. No report about it reaches the listener once this has
+  /// returned.
+  virtual int finishTransfer(Transfer* transfer, int reason);
+
+  virtual ~TransferServiceImpl();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace xfr

@@ -1,0 +1,51 @@
+#include "utils/inherited_state.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <stdexcept>
+
+namespace zelo {
+namespace {
+
+void openStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) >= 0) continue;
+    // The lowest free descriptor is this one: those below are open by now.
+    if (open("/dev/null", O_RDWR) != fd) throw std::runtime_error("unable to open /dev/null");
+  }
+}
+
+void doNothing(int /*signum*/) {}
+
+}  // namespace
+
+void repairInheritedState() {
+  openStandardDescriptors();
+  stopIgnoringSignals();
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void stopIgnoringSignals() noexcept {
+  for (int signum = 1; signum <= SIGRTMAX; ++signum) {
+    struct sigaction action {};
+    if (sigaction(signum, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) signal(signum, SIG_DFL);
+  }
+  signal(SIGPIPE, doNothing);
+}
+
+void closeOnExecFrom(int first) noexcept {
+  if (close_range(static_cast<unsigned>(first), UINT_MAX, CLOSE_RANGE_CLOEXEC) == 0) return;
+  // Kernels before 5.11 cannot mark a range.
+  const long end = sysconf(_SC_OPEN_MAX);
+  for (int fd = first; fd < end; ++fd) {
+    const int flags = fcntl(fd, F_GETFD);
+    if (flags >= 0) fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+  }
+}
+
+}  // namespace zelo

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstdlib>
+#include <memory>
+
+namespace zelo {
+
+struct FreeText {
+  void operator()(char* text) const noexcept { std::free(text); }
+};
+
+/// A text that a library allocated for its caller, who releases it with `free`.
+using PlatformText = std::unique_ptr<char, FreeText>;
+
+}  // namespace zelo

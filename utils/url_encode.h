@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace zelo {
+
+/// Percent-encodes every byte but ASCII letters, digits and "-._~". Throws `std::runtime_error` "could
+/// not create curl handle" or "could not url encode string".
+[[nodiscard]] std::string urlEncode(const std::string& text);
+
+}  // namespace zelo

@@ -7,6 +7,8 @@ namespace kbus {
 namespace {
 
 constexpr const char* address = "unix:path=/run/kbus.sock";
+constexpr guint32 allowReplacement = 1;
+constexpr guint32 replaceExisting = 2;
 constexpr guint32 doNotQueue = 4;
 constexpr guint32 primaryOwner = 1;
 constexpr int callTimeoutMilliseconds = 10000;
@@ -35,11 +37,12 @@ Connection connect(Error& error) {
   return connection;
 }
 
-bool claimName(GDBusConnection* connection, const char* name, Error& error) {
+bool claimName(GDBusConnection* connection, const char* name, Sharing sharing, Error& error) {
+  const guint32 flags = sharing == Sharing::none ? doNotQueue : allowReplacement | replaceExisting;
   GError* failure = nullptr;
   const Variant reply(g_dbus_connection_call_sync(
       connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-      g_variant_new("(su)", name, doNotQueue), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
+      g_variant_new("(su)", name, flags), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
       callTimeoutMilliseconds, nullptr, &failure));
   error.reset(failure);
   guint32 outcome = 0;

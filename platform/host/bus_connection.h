@@ -26,8 +26,11 @@ using Variant = std::unique_ptr<GVariant, UnrefVariant>;
 /// action stays as it is.
 [[nodiscard]] Connection connect(Error& error);
 
-/// Asks for a name without waiting in line for it. False, with `error` set unless another owns it.
-[[nodiscard]] bool claimName(GDBusConnection* connection, const char* name, Error& error);
+/// Whether a name goes over to a later claimant that shares it too, and comes back when that is gone.
+enum class Sharing { none, withLaterClaimants };
+
+/// Claims a name. False, with `error` set unless another owns it.
+[[nodiscard]] bool claimName(GDBusConnection* connection, const char* name, Sharing sharing, Error& error);
 
 /// The path of the object that a dotted name stands for: "/com/qorvex" for "com.qorvex".
 [[nodiscard]] std::string objectPath(const std::string& dottedName);

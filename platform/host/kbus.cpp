@@ -26,7 +26,8 @@ KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) {
     *resultCode = noBus;
     return nullptr;
   }
-  if (!kbus::claimName(connection.get(), serviceName, error)) {
+  // Shared among the instances of a service: a second one gets as far as finding out that it is one.
+  if (!kbus::claimName(connection.get(), serviceName, kbus::Sharing::withLaterClaimants, error)) {
     syslog(LOG_ERR, "kbus: %s: %s", serviceName, error ? error->message : "the name is taken");
     *resultCode = nameTaken;
     return nullptr;

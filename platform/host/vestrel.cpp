@@ -89,7 +89,7 @@ int main() {
   g_dbus_connection_signal_subscribe(bus.get(), nullptr, "com.qorvex.vestrel.zelo", nullptr, nullptr, nullptr,
                                      G_DBUS_SIGNAL_FLAGS_NONE, hearEvent, nullptr, nullptr);
   // Behind the subscription: who sees the name can count on being heard.
-  if (!kbus::claimName(bus.get(), service, error)) return fail(service, error.get());
+  if (!kbus::claimName(bus.get(), service, kbus::Sharing::none, error)) return fail(service, error.get());
 
   const std::unique_ptr<GMainLoop, decltype(&g_main_loop_unref)> loop(g_main_loop_new(nullptr, FALSE),
                                                                       g_main_loop_unref);

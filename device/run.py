@@ -1,0 +1,44 @@
+"""One start of the daemon."""
+
+import signal
+import subprocess
+from pathlib import Path
+
+from device.syslog_receiver import LogLine, SyslogReceiver
+
+
+class Run:
+    def __init__(self, process: subprocess.Popen, output: Path, syslog: SyslogReceiver):
+        self._process = process
+        self._output = output
+        self._syslog = syslog
+        self.pid = process.pid
+
+    @property
+    def status(self) -> int | None:
+        """The exit status, the negative signal number, or None while it runs."""
+        return self._process.poll()
+
+    def wait(self, timeout: float = 60) -> int:
+        """The status, once the daemon has ended."""
+        return self._process.wait(timeout)
+
+    def send(self, signum: int) -> None:
+        self._process.send_signal(signum)
+
+    def stop(self) -> None:
+        self._process.send_signal(signal.SIGKILL)
+        self._process.wait()
+
+    def wait_for_line(self, text: str, timeout: float = 30) -> LogLine:
+        """The first line of this start that holds `text`, as soon as it is there."""
+        return self._syslog.wait_for(text, self.pid, timeout)
+
+    def log_lines(self) -> list[str]:
+        """The texts that this start has logged; before it opens its log they carry no process id, and only
+        the device's log has them."""
+        return [line.text for line in self._syslog.lines(self.pid)]
+
+    def output(self) -> str:
+        """What the daemon, and the programs that it started, wrote on standard output and error."""
+        return self._output.read_text(errors="replace")

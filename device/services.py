@@ -1,0 +1,108 @@
+"""The programs that run beside the daemon: the message bus and the UI shell."""
+
+import re
+import subprocess
+import threading
+from collections.abc import Sequence
+from pathlib import Path
+
+from device.entering import as_root, enter
+
+BUS_SOCKET = "run/kbus.sock"
+BUS_CONFIG = """\
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>unix:path={socket}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+"""
+
+
+class Service:
+    """A program that is ready once it has written a certain line; what it writes is kept."""
+
+    def __init__(self, command: Sequence[str | Path], cwd: Path, ready: str):
+        self._lines: list[str] = []
+        self._ended = False
+        self._changed = threading.Condition()
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT, cwd=cwd, env={}, text=True,
+                                        start_new_session=True)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+        try:
+            self.wait_for(ready)
+        except BaseException:
+            self.stop()
+            raise
+
+    def lines(self) -> list[str]:
+        with self._changed:
+            return list(self._lines)
+
+    def wait_for(self, pattern: str, timeout: float = 30) -> str:
+        """The first line that matches the regular expression; fails when the program ends without it."""
+        def found() -> str | None:
+            return next((line for line in self._lines if re.fullmatch(pattern, line)), None)
+
+        with self._changed:
+            self._changed.wait_for(lambda: self._ended or found() is not None, timeout)
+            if (line := found()) is None:
+                raise RuntimeError(f"{self.process.args}: no line {pattern!r} but {self._lines}")
+            return line
+
+    def stop(self) -> None:
+        self.process.kill()
+        self.process.wait()
+        self._reader.join()
+        self.process.stdout.close()
+
+    def _read(self) -> None:
+        for line in self.process.stdout:
+            self._append(line.rstrip("\n"))
+        with self._changed:
+            self._ended = True
+            self._changed.notify_all()
+
+    def _append(self, line: str) -> None:
+        with self._changed:
+            self._lines.append(line)
+            self._changed.notify_all()
+
+
+def start_bus(base: Path, root: Path) -> Service:
+    """The message bus. It runs outside the root; programs inside reach its socket."""
+    config = base / "bus.conf"
+    config.write_text(BUS_CONFIG.format(socket=root / BUS_SOCKET))
+    command = ["/usr/bin/dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog",
+               "--print-address=1"]
+    return Service([*as_root(), *command], base, "unix:path=.*")
+
+
+class Shell:
+    """The UI shell, inside the root."""
+
+    # A copy, because tests break the one that the daemon uses.
+    TOOL = "/usr/lib/virtual-device/kbus-set-prop"
+
+    def __init__(self, base: Path, root: Path):
+        self._enter = enter(str(root))
+        self._service = Service([*self._enter, "/usr/bin/vestrel"], base, "vestrel: ready")
+        self._asked = 0
+        self.stop = self._service.stop
+
+    def lines(self) -> list[str]:
+        """What the shell has shown for everything that was sent to it until now."""
+        # The bus keeps the order, so the answer to this comes behind everything that was sent before.
+        self._asked += 1
+        barrier = [*self._enter, self.TOOL, "com.qorvex.vestrel", "load", f"barrier-{self._asked}"]
+        if subprocess.run(barrier, env={}, capture_output=True, check=False).returncode == 0:
+            self._service.wait_for(f"vestrel: load = barrier-{self._asked}")
+        own = re.compile(r"vestrel: (ready|load = barrier-\d+)")
+        return [line for line in self._service.lines() if not own.fullmatch(line)]

@@ -1,0 +1,177 @@
+"""The virtual device: everything of it behind one context manager.
+
+    with VirtualDevice(Path("build/release")) as device:
+        device.publish(device.make_bundle())
+        run = device.start()
+        print(run.wait(), run.log_lines(), device.shell_lines())
+"""
+
+import itertools
+import shutil
+import subprocess
+import tempfile
+from collections.abc import Mapping, Sequence
+from contextlib import ExitStack
+from pathlib import Path
+
+from device.bundles import Bundle, make_bundle, sign
+from device.entering import enter
+from device.guardian import Guardian, clear
+from device.https_server import Content, Server
+from device.keys import HOST, Keys
+from device.rootfs import Template, make_null_device
+from device.run import Run
+from device.services import Shell, start_bus
+from device.syslog_receiver import SyslogReceiver
+
+ARCHIVE = "/zelo_installer.tar.gz"
+DOCUMENT = "/zelo_installer_meta.json"
+DEVICE_INFO = "[device]\nsoftware_version=123456789012\nsoftware_package_name=base image/1\n"
+MARKER = "/PRE_GM_DEBUGGING_FEATURES_ENABLED__REMOVE_AT_GMC"
+
+
+class VirtualDevice:
+    """A device with its services running, from entering the context to leaving it.
+
+    `build` is the build directory of the programs. `files` puts further files into the root or replaces
+    programs (see `Template`), `launcher` is what starts the daemon inside, e.g. an emulator.
+    The keys "prod" and "dev" are installed, and the address of the metadata document is configured.
+    """
+
+    _guardian: Guardian | None = None
+
+    def __init__(self, build: str | Path, files: Mapping[str, Path] | None = None,
+                 launcher: Sequence[str] = ()):
+        build = Path(build).resolve()
+        self._template = Template(build, files or {})
+        self._launcher = tuple(launcher)
+        self._numbers = itertools.count(1)
+        self.keys = Keys(build / "device" / "keys")
+
+    def __enter__(self) -> "VirtualDevice":
+        with ExitStack() as stack:
+            self._make_root(stack)
+            self._configure()
+            self.syslog = SyslogReceiver(self.path("/dev/log"))
+            stack.callback(self.syslog.close)
+            self.server = Server(*self.keys.server())
+            stack.callback(self.server.close)
+            self.bus = start_bus(self._base, self.root)
+            stack.callback(self.bus.stop)
+            self.shell = Shell(self._base, self.root)
+            stack.callback(self.shell.stop)
+            self.set_pref("url.zelo.installer.metadata", f"{self.url(DOCUMENT)}?version=%s&package=%s")
+            self._runs = stack.enter_context(ExitStack())
+            self._stack = stack.pop_all()
+        return self
+
+    def __exit__(self, *exception: object) -> None:
+        self._stack.close()
+
+    def path(self, path: str) -> Path:
+        """Where an absolute path of the device lies on this machine."""
+        return self.root / path.lstrip("/")
+
+    def url(self, path: str) -> str:
+        """The address of a path of the download server, as the device sees it."""
+        return f"https://{HOST}:{self.server.port}{path}"
+
+    def write(self, path: str, content: str | bytes | Path, mode: int = 0o644) -> None:
+        """Puts a file into the root in place of what may be there."""
+        target = self.path(path)
+        target.unlink(missing_ok=True)  # it may be a link to the template's file
+        if isinstance(content, Path):
+            shutil.copyfile(content, target)
+        else:
+            target.write_bytes(content.encode() if isinstance(content, str) else content)
+        target.chmod(mode)
+
+    def set_pref(self, key: str, value: str | None) -> None:
+        """Sets a value of the configuration store; None removes it."""
+        path = f"/var/lib/prefbox/{key}"
+        if value is None:
+            self.path(path).unlink(missing_ok=True)
+        else:
+            self.write(path, value)
+
+    def install_key(self, path: str, name: str) -> None:
+        """Installs the public half of the key pair `name`, e.g. under /etc/zelo/pubkeyprod.pem."""
+        self.write(path, self.keys.public(name))
+
+    def marker(self, present: bool) -> None:
+        """Whether the debugging features are enabled."""
+        if present:
+            self.write(MARKER, "")
+        else:
+            self.path(MARKER).unlink(missing_ok=True)
+
+    def make_bundle(self, key: str = "prod", **contents) -> Bundle:
+        """A bundle signed with the key pair `key`; for `contents` see `bundles.make_bundle`."""
+        return make_bundle(self.keys.private(key), self.url(ARCHIVE), **contents)
+
+    def sign(self, archive: bytes, key: str = "prod") -> Bundle:
+        """A bundle whose archive is just these bytes."""
+        return sign(self.keys.private(key), self.url(ARCHIVE), archive)
+
+    def publish(self, bundle: Bundle) -> None:
+        self.server.answer(DOCUMENT, Content(bundle.document))
+        self.server.answer(ARCHIVE, Content(bundle.archive))
+
+    def start(self, *, prefix: Sequence[str] = (), mounts: Sequence[str] = (),
+              env: Mapping[str, str] | None = None, program: str = "/usr/sbin/zeloinstall", **popen) -> Run:
+        """Starts the daemon, with an empty environment unless told otherwise.
+
+        `prefix` starts it from outside the root, e.g. setarch; `mounts` are steps of `entering`; further
+        arguments go to `subprocess.Popen`, e.g. `preexec_fn` and `restore_signals=False`.
+        """
+        output = self._base / f"output.{next(self._numbers)}"
+        command = [*prefix, *enter(str(self.root), mounts), *self._launcher, program]
+        with open(output, "wb") as sink:
+            streams = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink}
+            process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **{**streams, **popen})
+        run = Run(process, output, self.syslog)
+        self._runs.callback(run.stop)
+        return run
+
+    def popen(self, command: Sequence[str], **popen) -> subprocess.Popen:
+        """Starts any program inside the root; whoever asks for it waits for its end."""
+        return subprocess.Popen([*enter(str(self.root)), *command],
+                                **{"env": {}, "cwd": self._base, "stdin": subprocess.DEVNULL, **popen})
+
+    def command(self, command: Sequence[str], check: bool = True, **run) -> subprocess.CompletedProcess:
+        """Runs any program inside the root to its end and captures what it writes."""
+        arguments = {"env": {}, "cwd": self._base, "stdin": subprocess.DEVNULL, "text": True, "timeout": 60,
+                     "capture_output": True, **run}
+        return subprocess.run([*enter(str(self.root)), *command], check=check, **arguments)
+
+    def log_lines(self) -> list[str]:
+        """The texts of all that was logged on the device."""
+        return [line.text for line in self.syslog.lines()]
+
+    def shell_lines(self) -> list[str]:
+        """What the UI shell has shown until now."""
+        return self.shell.lines()
+
+    def work_directories(self) -> list[Path]:
+        """What the starts of the daemon have left under /tmp."""
+        return sorted(self.path("/tmp").glob("zeloinstall.*"))
+
+    def _make_root(self, stack: ExitStack) -> None:
+        if VirtualDevice._guardian is None:
+            VirtualDevice._guardian = Guardian()
+        # Short, because the path of a socket holds 108 bytes.
+        self._base = Path(tempfile.mkdtemp(prefix="zd.", dir="/tmp"))
+        self._guardian.watch(self._base)
+        stack.callback(self._guardian.forget, self._base)
+        stack.callback(clear, self._base)
+        self.root = self._base / "root"
+        self._template.clone(self.root)
+
+    def _configure(self) -> None:
+        make_null_device(self.path("/dev/null"))
+        self.write("/etc/hosts", f"127.0.0.1 localhost {HOST}\n")
+        self.write("/etc/nsswitch.conf", "hosts: files\n")
+        self.write("/etc/device-info", DEVICE_INFO)
+        self.write("/etc/ssl/certs/ca-certificates.crt", self.keys.authority())
+        for name in ("prod", "dev"):
+            self.install_key(f"/etc/zelo/pubkey{name}.pem", name)

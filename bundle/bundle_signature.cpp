@@ -43,7 +43,7 @@ void ZeloInstallerBundle::verifySignature(const std::string& keyPath) const {
 
 std::string decodeSignature(const std::string& signaturePath) {
   const std::string decoded = runCommand({"/bin/base64", "-d", signaturePath});
-  const std::string decodedPath = signaturePath + decodedSuffix;
+  std::string decodedPath = signaturePath + decodedSuffix;
   writeFile(decodedPath, decoded);
   return decodedPath;
 }

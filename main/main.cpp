@@ -22,7 +22,7 @@ void run() {
 
   checkSingleInstance();
   startShutdownThreads();
-  for (const int signum : {SIGTERM, SIGQUIT, SIGINT, SIGHUP}) signal(signum, shutdownHandler);
+  for (const int signum : {SIGTERM, SIGQUIT, SIGINT, SIGHUP}) (void)signal(signum, shutdownHandler);
   ctrap_register_signal_handlers();
   zelo::stopIgnoringSignals();  // once more, for what the platform's libraries have ignored since the start
 

@@ -6,6 +6,9 @@
 #include "utils/files.h"
 #include "utils/inherited_state.h"
 
+// An exception here has no catcher: the terminate handler, installed first, ends the process in order.
+// NOLINTBEGIN(cert-err58-cpp)
+
 namespace {
 
 /// First, so that whatever fails behind it ends the process in order, with sane descriptors and signals.
@@ -27,6 +30,8 @@ namespace {
 const TransferServiceWrapper transferServiceWrapper;
 
 }  // namespace
+
+// NOLINTEND(cert-err58-cpp)
 
 xfr::TransferServiceImpl* getTransferService() {
   return transferServiceWrapper.service();

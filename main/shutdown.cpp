@@ -41,12 +41,12 @@ void writeLine(int signum) {
 
 // Ends the process by the signal's default action.
 [[noreturn]] void endBy(int signum) {
-  signal(signum, SIG_DFL);
+  (void)signal(signum, SIG_DFL);
   sigset_t only;
   sigemptyset(&only);
   sigaddset(&only, signum);
   pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-  raise(signum);
+  (void)raise(signum);
   _exit(128 + signum);  // the first process of a container has no default actions
 }
 
@@ -98,8 +98,8 @@ void shutdownHandler(int signum) {
     return;
   }
   if (getpid() != daemonPid) {  // a forked child that has not become its program yet
-    signal(signum, SIG_DFL);
-    raise(signum);
+    (void)signal(signum, SIG_DFL);
+    (void)raise(signum);
     return;
   }
   if (!zelo::noteTerminationSignal(signum)) return;

@@ -33,7 +33,7 @@ class Bundle : public testing::Test {
   }
   void TearDown() override { fake::reset(); }
 
-  const std::string directory = createTempDirectory();
+  const std::string directory = fake::temporaryDirectory();
   const ZeloInstallerBundle bundle{directory + "/a.tar.gz", directory + "/a.sig"};
 };
 

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 
 #include "download/transfer_service_wrapper.h"
@@ -36,6 +37,20 @@ struct Handle final : xfr::Transfer {
   int id;
 };
 
+// Lives as long as the process: the forked ones of death tests end without it.
+struct Directories {
+  Directories() = default;
+  Directories(const Directories&) = delete;
+  Directories& operator=(const Directories&) = delete;
+  ~Directories() {
+    std::error_code ignored;
+    for (const std::string& path : paths) std::filesystem::remove_all(path, ignored);
+  }
+  std::vector<std::string> paths;
+};
+
+Directories directories;
+
 int giveText(const std::optional<std::string>& text, char** result) {
   EXPECT_EQ(*result, nullptr);
   if (current.succeedWithoutText) return 0;
@@ -59,6 +74,11 @@ void reset() {
   EXPECT_EQ(current.requestsAlive, 0);
   current = Platform();
   g_qorvex_log_mask = 0x0FFF0000;
+}
+
+std::string temporaryDirectory() {
+  directories.paths.push_back(zelo::createTempDirectory());
+  return directories.paths.back();
 }
 
 int count(const std::vector<std::string>& journal, const std::string& beginning) {
@@ -202,7 +222,7 @@ int qorvex_daemon_cleansingleton(const char* pidFile, int handle) {
 
 void ctrap_register_signal_handlers() {}
 
-const std::string zelo::g_work_directory = zelo::createTempDirectory();
+const std::string zelo::g_work_directory = fake::temporaryDirectory();
 
 xfr::TransferServiceImpl* getTransferService() {
   static xfr::TransferServiceImpl service(&bus);

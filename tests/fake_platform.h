@@ -70,6 +70,9 @@ Platform& platform();
 /// Puts a new platform in place; fails the test if the old one was left with something alive.
 void reset();
 
+/// A new private directory, removed when the tests are over.
+std::string temporaryDirectory();
+
 /// Number of journal entries that begin with a text.
 int count(const std::vector<std::string>& journal, const std::string& beginning);
 

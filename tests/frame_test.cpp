@@ -29,7 +29,7 @@ class Frame : public testing::Test {
 
 TEST_F(Frame, ExceptionsCarryCodeAndText) {
   const ZeloException error("02", "download failed");
-  const ZeloException copy = error;
+  const ZeloException copy = error;  // NOLINT(performance-unnecessary-copy-initialization)
   EXPECT_STREQ(copy.what(), "zelo exception: download failed. code=02");
   EXPECT_EQ(copy.getCode(), "02");
   EXPECT_STREQ(ZeloException("", "").what(), "zelo exception: . code=");

@@ -26,7 +26,7 @@ class Utils : public testing::Test {
   void SetUp() override { fake::reset(); }
   void TearDown() override { fake::reset(); }
   fake::Platform& platform = fake::platform();
-  const std::string directory = createTempDirectory();
+  const std::string directory = fake::temporaryDirectory();
 };
 
 TEST_F(Utils, PathsAreTakenApartAndJoined) {
@@ -60,7 +60,7 @@ TEST_F(Utils, DirectoriesArePrivate) {
   const std::string made = directory + "/made";
   const mode_t before = umask(0);
   makeDirectory(made);
-  const std::string temporary = createTempDirectory();
+  const std::string temporary = fake::temporaryDirectory();
   umask(before);
   for (const std::string& path : {made, temporary}) {
     struct stat status {};

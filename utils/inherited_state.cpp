@@ -1,6 +1,7 @@
 #include "utils/inherited_state.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <climits>
@@ -27,15 +28,15 @@ void repairInheritedState() {
   stopIgnoringSignals();
   sigset_t none;
   sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 void stopIgnoringSignals() noexcept {
   for (int signum = 1; signum <= SIGRTMAX; ++signum) {
     struct sigaction action {};
-    if (sigaction(signum, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) signal(signum, SIG_DFL);
+    if (sigaction(signum, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) (void)signal(signum, SIG_DFL);
   }
-  signal(SIGPIPE, doNothing);
+  (void)signal(SIGPIPE, doNothing);
 }
 
 void closeOnExecFrom(int first) noexcept {

@@ -28,7 +28,7 @@ void dump(int signum) {
   say(", backtrace:\n");
   backtrace_symbols_fd(frames.data(), backtrace(frames.data(), static_cast<int>(frames.size())),
                        STDERR_FILENO);
-  raise(signum);
+  (void)raise(signum);
 }
 
 }  // namespace

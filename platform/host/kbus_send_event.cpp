@@ -6,12 +6,12 @@
 namespace {
 
 int usage() {
-  std::fputs("usage: kbus-send-event NAME EVENT [-s TEXT]...\n", stderr);
+  (void)std::fputs("usage: kbus-send-event NAME EVENT [-s TEXT]...\n", stderr);
   return 2;
 }
 
 int fail(const char* what, const char* why) {
-  std::fprintf(stderr, "kbus-send-event: %s: %s\n", what, why);
+  (void)std::fprintf(stderr, "kbus-send-event: %s: %s\n", what, why);
   return 1;
 }
 

@@ -7,7 +7,7 @@ namespace {
 constexpr int callTimeoutMilliseconds = 10000;
 
 int fail(const char* what, const kbus::Error& error) {
-  std::fprintf(stderr, "kbus-set-prop: %s: %s\n", what, error->message);
+  (void)std::fprintf(stderr, "kbus-set-prop: %s: %s\n", what, error->message);
   return 1;
 }
 
@@ -16,13 +16,14 @@ int fail(const char* what, const kbus::Error& error) {
 // Sets a string property of a service: of the object and the interface that bear its name.
 int main(int argc, char* argv[]) {
   if (argc != 4) {
-    std::fputs("usage: kbus-set-prop SERVICE PROPERTY VALUE\n", stderr);
+    (void)std::fputs("usage: kbus-set-prop SERVICE PROPERTY VALUE\n", stderr);
     return 2;
   }
   const char* service = argv[1];
   if (g_dbus_is_interface_name(service) == FALSE || g_utf8_validate(argv[2], -1, nullptr) == FALSE ||
       g_utf8_validate(argv[3], -1, nullptr) == FALSE) {
-    std::fprintf(stderr, "kbus-set-prop: not a service name with a UTF-8 property and value: %s\n", service);
+    (void)std::fprintf(stderr, "kbus-set-prop: not a service name with a UTF-8 property and value: %s\n",
+                       service);
     return 2;
   }
   kbus::Error error;

@@ -15,7 +15,7 @@ namespace {
 constexpr int refused = -1;
 
 int fail(const char* what, const char* pidFile) {
-  syslog(LOG_ERR, "singleton: unable to %s %s: %s", what, pidFile, std::strerror(errno));
+  syslog(LOG_ERR, "singleton: unable to %s %s: %s", what, pidFile, strerrordesc_np(errno));
   return refused;
 }
 
@@ -48,7 +48,7 @@ int qorvex_daemon_checksingleton(const char* pidFile) {
     const std::string pid = std::to_string(getpid()) + "\n";
     if (ftruncate(file.get(), 0) != 0 || write(file.get(), pid.data(), pid.size()) < 0) {
       syslog(LOG_WARNING, "singleton: unable to write %s: %s", pidFile,
-             std::strerror(errno));  // the lock counts
+             strerrordesc_np(errno));  // the lock counts
     }
     return file.release();
   }

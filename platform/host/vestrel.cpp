@@ -41,7 +41,7 @@ gboolean setLoad(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /
                  const char* /*interface*/, const char* /*property*/, GVariant* value, GError** /*error*/,
                  gpointer load) {
   *static_cast<std::string*>(load) = g_variant_get_string(value, nullptr);
-  std::printf("vestrel: load = %s\n", g_variant_get_string(value, nullptr));
+  (void)std::printf("vestrel: load = %s\n", g_variant_get_string(value, nullptr));
   return TRUE;
 }
 
@@ -50,7 +50,7 @@ void hearEvent(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*p
   if (g_variant_is_of_type(parameters, G_VARIANT_TYPE("(s)")) == FALSE) return;
   const char* code = nullptr;
   g_variant_get(parameters, "(&s)", &code);
-  std::printf("vestrel: %s %s: %s\n", event, code, textOf(code));
+  (void)std::printf("vestrel: %s %s: %s\n", event, code, textOf(code));
 }
 
 gboolean quit(gpointer loop) {
@@ -59,19 +59,20 @@ gboolean quit(gpointer loop) {
 }
 
 void busGone(GDBusConnection* /*bus*/, gboolean /*remote*/, GError* /*error*/, gpointer loop) {
-  std::fputs("vestrel: the bus is gone\n", stderr);
+  (void)std::fputs("vestrel: the bus is gone\n", stderr);
   quit(loop);
 }
 
 int fail(const char* what, const GError* error) {
-  std::fprintf(stderr, "vestrel: %s: %s\n", what, error != nullptr ? error->message : "the name is taken");
+  (void)std::fprintf(stderr, "vestrel: %s: %s\n", what,
+                     error != nullptr ? error->message : "the name is taken");
   return 1;
 }
 
 }  // namespace
 
 int main() {
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
   kbus::Error error;
   const kbus::Connection bus = kbus::connect(error);
   if (!bus) return fail("no bus", error.get());
@@ -96,7 +97,7 @@ int main() {
   g_signal_connect(bus.get(), "closed", G_CALLBACK(busGone), loop.get());
   g_unix_signal_add(SIGTERM, quit, loop.get());
   g_unix_signal_add(SIGINT, quit, loop.get());
-  std::puts("vestrel: ready");
+  (void)std::puts("vestrel: ready");
   g_main_loop_run(loop.get());
   return g_dbus_connection_is_closed(bus.get()) != FALSE ? 1 : 0;
 }

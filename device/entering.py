@@ -15,6 +15,9 @@ AS_ROOT = os.geteuid() == 0
 # Steps for `enter`: shell commands in which $0 is the device's root.
 PROC = '/usr/bin/mount --rbind /proc "$0/proc"'
 
+# The sanitizers read /proc; tests of programs built with them ask for it.
+ALWAYS = (PROC,) if os.environ.get("ZELO_DEVICE_PROC") else ()
+
 
 def tmpfs(path: str, size: str) -> str:
     """A step that puts an empty file system of `size` (as mount takes it, "64k") over `path`."""
@@ -33,6 +36,7 @@ def as_root() -> list[str]:
 
 def enter(root: str, mounts: Sequence[str] = ()) -> list[str]:
     """Prefix for a program inside `root`, its path and arguments follow. Needs no environment."""
+    mounts = [*ALWAYS, *mounts]
     if not mounts:
         return ["/usr/sbin/chroot", root] if AS_ROOT else ["/usr/bin/unshare", "-r", "-R", root]
     script = " && ".join([*mounts, 'exec /usr/sbin/chroot "$0" "$@"'])

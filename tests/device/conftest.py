@@ -10,6 +10,7 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT))
 
+from device.architecture import native_build  # noqa: E402
 from device.demo import RETRIES, TIMEOUT  # noqa: E402
 from device.virtual_device import VirtualDevice  # noqa: E402
 
@@ -22,7 +23,8 @@ def build() -> Path:
 @pytest.fixture
 def device(build: Path) -> Iterator[VirtualDevice]:
     """A device with a good bundle published, one attempt at each download, and the probe at hand."""
-    with VirtualDevice(build, {"/usr/bin/zelo-probe": build / "tests" / "device" / "zelo-probe"}) as device:
+    probe = native_build(build) / "tests" / "device" / "zelo-probe"
+    with VirtualDevice(build, {"/usr/bin/zelo-probe": probe}) as device:
         device.set_pref(RETRIES, "0")
         device.set_pref(TIMEOUT, "20")
         device.publish(device.make_bundle())

@@ -10,13 +10,13 @@
 
 namespace zelo {
 
-ZeloInstallerBundle::ZeloInstallerBundle(const std::string& bundlePath, const std::string& signaturePath)
-    : bundlePath_(bundlePath), signaturePath_(signaturePath) {}
+ZeloInstallerBundle::ZeloInstallerBundle(const std::string& archiveFile, const std::string& signatureFile)
+    : bundlePath(archiveFile), signaturePath(signatureFile) {}
 
 ZeloInstaller ZeloInstallerBundle::extract() const {
   try {
-    const std::string directory = getParentDirectory(bundlePath_);
-    (void)runCommand({"/bin/tar", "-xzf", bundlePath_, "-C", directory});
+    const std::string directory = getParentDirectory(bundlePath);
+    (void)runCommand({"/bin/tar", "-xzf", bundlePath, "-C", directory});
     return ZeloInstaller(directory);
   } catch (const std::runtime_error& error) {
     throw ZeloException(ERROR_CODE_EXTRACTION, error.what());
@@ -24,9 +24,9 @@ ZeloInstaller ZeloInstallerBundle::extract() const {
 }
 
 ZeloInstallerBundle ZeloInstallerBundle::moveTo(const std::string& directory) const {
-  const std::string bundlePath = moveFile(bundlePath_, directory);
-  const std::string signaturePath = moveFile(signaturePath_, directory);
-  return {bundlePath, signaturePath};
+  const std::string movedArchive = moveFile(bundlePath, directory);
+  const std::string movedSignature = moveFile(signaturePath, directory);
+  return {movedArchive, movedSignature};
 }
 
 }  // namespace zelo

@@ -9,7 +9,7 @@ class ZeloInstaller;
 /// A bundle on disk: the archive and its signature. Neither file is ever removed.
 class ZeloInstallerBundle {
  public:
-  ZeloInstallerBundle(const std::string& bundlePath, const std::string& signaturePath);
+  ZeloInstallerBundle(const std::string& archiveFile, const std::string& signatureFile);
   ZeloInstallerBundle(const ZeloInstallerBundle&) = default;
   ZeloInstallerBundle& operator=(const ZeloInstallerBundle&) = default;
   virtual ~ZeloInstallerBundle() = default;
@@ -29,16 +29,16 @@ class ZeloInstallerBundle {
   /// `std::runtime_error` otherwise.
   virtual void verifySignature(const std::string& keyPath) const;
 
-  [[nodiscard]] const std::string& bundlePath() const { return bundlePath_; }
-  [[nodiscard]] const std::string& signaturePath() const { return signaturePath_; }
+  [[nodiscard]] const std::string& getBundlePath() const { return bundlePath; }
+  [[nodiscard]] const std::string& getSignaturePath() const { return signaturePath; }
 
  private:
-  std::string bundlePath_;
-  std::string signaturePath_;
+  std::string bundlePath;
+  std::string signaturePath;
 };
 
 /// Decodes a base64 signature file into a file beside it and returns that file's path. Throws what
 /// `runCommand` throws.
-[[nodiscard]] std::string decodeSignature(const std::string& signaturePath);
+[[nodiscard]] std::string decodeSignature(const std::string& signatureFile);
 
 }  // namespace zelo

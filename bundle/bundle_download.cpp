@@ -13,11 +13,11 @@ constexpr const char* archiveFileName = "zelo_installer.tar.gz";
 
 ZeloInstallerBundle ZeloInstallerBundleMetadata::downloadBundle() const {
   const DownloadLimits limits = readDownloadLimits();
-  const std::string archivePath = joinPath(getParentDirectory(signaturePath_), archiveFileName);
+  const std::string archivePath = joinPath(getParentDirectory(signaturePath), archiveFileName);
   return withRetries(limits.retries, "bundle", [&] {
-    TransferWrapper transfer(url_, REQUEST_METHOD, "", archivePath);
+    TransferWrapper transfer(url, REQUEST_METHOD, "", archivePath);
     transfer.download(limits.timeoutSeconds);
-    return ZeloInstallerBundle(archivePath, signaturePath_);
+    return ZeloInstallerBundle(archivePath, signaturePath);
   });
 }
 

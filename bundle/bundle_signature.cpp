@@ -35,15 +35,15 @@ void ZeloInstallerBundle::validate() const {
 }
 
 void ZeloInstallerBundle::verifySignature(const std::string& keyPath) const {
-  const std::string decodedPath = decodeSignature(signaturePath_);
+  const std::string decodedPath = decodeSignature(signaturePath);
   const std::string output = runCommand(
-      {"/usr/bin/openssl", "dgst", "-sha256", "-verify", keyPath, "-signature", decodedPath, bundlePath_});
+      {"/usr/bin/openssl", "dgst", "-sha256", "-verify", keyPath, "-signature", decodedPath, bundlePath});
   if (output != accepted) throw std::runtime_error(output);
 }
 
-std::string decodeSignature(const std::string& signaturePath) {
-  const std::string decoded = runCommand({"/bin/base64", "-d", signaturePath});
-  std::string decodedPath = signaturePath + decodedSuffix;
+std::string decodeSignature(const std::string& signatureFile) {
+  const std::string decoded = runCommand({"/bin/base64", "-d", signatureFile});
+  std::string decodedPath = signatureFile + decodedSuffix;
   writeFile(decodedPath, decoded);
   return decodedPath;
 }

@@ -13,11 +13,11 @@ constexpr const char* scriptFileName = "run.sh";
 
 }  // namespace
 
-ZeloInstaller::ZeloInstaller(const std::string& directory) : directory_(directory) {}
+ZeloInstaller::ZeloInstaller(const std::string& unpackedDirectory) : directory(unpackedDirectory) {}
 
 void ZeloInstaller::run() const {
   try {
-    (void)runCommand({joinPath(directory_, scriptFileName)});
+    (void)runCommand({joinPath(directory, scriptFileName)});
   } catch (const std::runtime_error& error) {
     throw ZeloException(ERROR_CODE_INSTALLER, error.what());
   }

@@ -7,7 +7,7 @@ namespace zelo {
 /// An unpacked bundle, ready to run.
 class ZeloInstaller {
  public:
-  explicit ZeloInstaller(const std::string& directory);
+  explicit ZeloInstaller(const std::string& unpackedDirectory);
   ZeloInstaller(const ZeloInstaller&) = default;
   ZeloInstaller& operator=(const ZeloInstaller&) = default;
   virtual ~ZeloInstaller() = default;
@@ -17,7 +17,7 @@ class ZeloInstaller {
   void run() const;
 
  private:
-  std::string directory_;
+  std::string directory;
 };
 
 }  // namespace zelo

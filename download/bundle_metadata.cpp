@@ -23,9 +23,9 @@ constexpr const char* signatureFileName = "zelo_installer.tar.gz.sig";
 
 ZeloInstallerBundleMetadata::ZeloInstallerBundleMetadata() : ZeloInstallerBundleMetadata(download()) {}
 
-ZeloInstallerBundleMetadata::ZeloInstallerBundleMetadata(const std::string& url,
-                                                         const std::string& signaturePath)
-    : url_(url), signaturePath_(signaturePath) {}
+ZeloInstallerBundleMetadata::ZeloInstallerBundleMetadata(const std::string& bundleUrl,
+                                                         const std::string& signatureFile)
+    : url(bundleUrl), signaturePath(signatureFile) {}
 
 std::string ZeloInstallerBundleMetadata::buildMetadataUrl() {
   const std::string version = urlEncode(getSoftwareVersionText());
@@ -48,13 +48,13 @@ ZeloInstallerBundleMetadata ZeloInstallerBundleMetadata::attempt(const std::stri
   transfer.download(timeoutSeconds);
 
   const JSONWrapper document(readFile(documentPath));
-  const std::string url = document.getString("url");
-  const std::string signaturePath = joinPath(getParentDirectory(documentPath), signatureFileName);
-  writeFile(signaturePath, document.getString("signature"));
-  if (isAddressNotAllowed(url)) {
+  const std::string bundleUrl = document.getString("url");
+  const std::string signatureFile = joinPath(getParentDirectory(documentPath), signatureFileName);
+  writeFile(signatureFile, document.getString("signature"));
+  if (isAddressNotAllowed(bundleUrl)) {
     throw ZeloException(ERROR_CODE_DOWNLOAD, "http/loopback address not allowed");
   }
-  return {url, signaturePath};
+  return {bundleUrl, signatureFile};
 }
 
 }  // namespace zelo

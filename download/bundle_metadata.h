@@ -15,7 +15,7 @@ class ZeloInstallerBundleMetadata {
   /// built or the retry count is negative; what `readDownloadLimits` throws.
   ZeloInstallerBundleMetadata();
 
-  ZeloInstallerBundleMetadata(const std::string& url, const std::string& signaturePath);
+  ZeloInstallerBundleMetadata(const std::string& bundleUrl, const std::string& signatureFile);
   ZeloInstallerBundleMetadata(const ZeloInstallerBundleMetadata&) = default;
   ZeloInstallerBundleMetadata& operator=(const ZeloInstallerBundleMetadata&) = default;
   virtual ~ZeloInstallerBundleMetadata() = default;
@@ -32,8 +32,8 @@ class ZeloInstallerBundleMetadata {
                                                            const std::string& documentPath,
                                                            int timeoutSeconds);
 
-  std::string url_;
-  std::string signaturePath_;
+  std::string url;
+  std::string signaturePath;
 };
 
 }  // namespace zelo

@@ -6,11 +6,11 @@
 
 TransferServiceWrapper::TransferServiceWrapper() {
   int result = 0;
-  bus_.reset(KbusOpenEx(SERVICE_NAME, &result));
+  bus.reset(KbusOpenEx(SERVICE_NAME, &result));
   if (result != 0) throw std::runtime_error("Failed to initialize kbus handle");
 
-  service_ = std::make_unique<xfr::TransferServiceImpl>(bus_.get());
-  if (!service_->initialize()) {
+  service = std::make_unique<xfr::TransferServiceImpl>(bus.get());
+  if (!service->initialize()) {
     zelo::logError("E def:TransferServiceWrapper:Transfer Service initialization failed:");
   }
 }

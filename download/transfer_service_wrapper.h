@@ -19,15 +19,15 @@ class TransferServiceWrapper {
   TransferServiceWrapper& operator=(const TransferServiceWrapper&) = delete;
   virtual ~TransferServiceWrapper() = default;
 
-  [[nodiscard]] xfr::TransferServiceImpl* service() const { return service_.get(); }
+  [[nodiscard]] xfr::TransferServiceImpl* getService() const { return service.get(); }
 
  private:
   struct CloseBus {
     void operator()(KbusHandleStruct* handle) const { KbusClose(handle); }
   };
 
-  std::unique_ptr<KbusHandleStruct, CloseBus> bus_;
-  std::unique_ptr<xfr::TransferServiceImpl> service_;  // behind the bus: deleted before it is closed
+  std::unique_ptr<KbusHandleStruct, CloseBus> bus;
+  std::unique_ptr<xfr::TransferServiceImpl> service;  // behind the bus: deleted before it is closed
 };
 
 /// The client that every download uses; callable from any thread once `main` runs.

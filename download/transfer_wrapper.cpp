@@ -10,13 +10,13 @@ namespace zelo {
 
 class TransferWrapper::Lock {
  public:
-  explicit Lock(pthread_mutex_t& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+  explicit Lock(pthread_mutex_t& guarded) : held(guarded) { pthread_mutex_lock(&held); }
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
-  ~Lock() { pthread_mutex_unlock(&mutex_); }
+  ~Lock() { pthread_mutex_unlock(&held); }
 
  private:
-  pthread_mutex_t& mutex_;
+  pthread_mutex_t& held;
 };
 
 timespec deadlineAfter(timespec now, int seconds) {
@@ -25,18 +25,18 @@ timespec deadlineAfter(timespec now, int seconds) {
   return now;
 }
 
-TransferWrapper::TransferWrapper(const std::string& sourceAddress, const std::string& method,
-                                 const std::string& passThrough, const std::string& destinationPath)
-    : sourceAddress_(sourceAddress),
-      method_(method),
-      passThrough_(passThrough),
-      destinationPath_(destinationPath) {}
+TransferWrapper::TransferWrapper(const std::string& source, const std::string& requestMethod,
+                                 const std::string& passThroughText, const std::string& destination)
+    : sourceAddress(source),
+      method(requestMethod),
+      passThrough(passThroughText),
+      destinationPath(destination) {}
 
 TransferWrapper::~TransferWrapper() {
-  request_.reset();
-  transfer_.reset();
-  pthread_mutex_destroy(&mutex_);
-  pthread_cond_destroy(&condition_);
+  request.reset();
+  transfer.reset();
+  pthread_mutex_destroy(&mutex);
+  pthread_cond_destroy(&condition);
 }
 
 void TransferWrapper::download(int timeoutSeconds) {
@@ -44,13 +44,13 @@ void TransferWrapper::download(int timeoutSeconds) {
   if (clock_gettime(CLOCK_REALTIME, &now) != 0) throw std::runtime_error("clock_gettime failed");
   const timespec deadline = deadlineAfter(now, timeoutSeconds);
 
-  request_ = std::make_unique<xfr::TransferRequestDescImpl>(
-      sourceAddress_.c_str(), nullptr, method_.c_str(), destinationPath_.c_str(), nullptr, 0, nullptr,
-      nullptr, SERVICE_NAME, nullptr, sourceAddress_.c_str(), nullptr, passThrough_.c_str(), 0, 1,
-      "request_download", this, false, -1, "");
-  xfr::Transfer* const transfer = getTransferService()->initiateTransfer(request_.get());
-  setTransfer(transfer);
-  if (transfer == nullptr) {
+  request = std::make_unique<xfr::TransferRequestDescImpl>(
+      sourceAddress.c_str(), nullptr, method.c_str(), destinationPath.c_str(), nullptr, 0, nullptr, nullptr,
+      SERVICE_NAME, nullptr, sourceAddress.c_str(), nullptr, passThrough.c_str(), 0, 1, "request_download",
+      this, false, -1, "");
+  xfr::Transfer* const handle = getTransferService()->initiateTransfer(request.get());
+  setTransfer(handle);
+  if (handle == nullptr) {
     logWarning("W TransferWrapper:download:Initiating transfer failed:");
     throw std::runtime_error("initiating download failed");
   }
@@ -58,8 +58,8 @@ void TransferWrapper::download(int timeoutSeconds) {
   waitForEnd(deadline);
   getTransferService()->finishTransfer(getTransfer(), 0);
 
-  const Lock lock(mutex_);
-  if (!completed_) throw std::runtime_error("download failed");
+  const Lock lock(mutex);
+  if (!completed) throw std::runtime_error("download failed");
 }
 
 void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
@@ -67,13 +67,13 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
     logWarning("W TransferWrapper:onProgress:transferStatus is NULL:");
     return;
   }
-  xfr::Transfer* const transfer = getTransfer();
-  if (transfer == nullptr) {
+  xfr::Transfer* const handle = getTransfer();
+  if (handle == nullptr) {
     logWarning("W TransferWrapper:onProgress:transfer is NULL:");
     return;
   }
   const int id = transferStatus->getId();
-  if (id <= 0 || id != transfer->getId()) {
+  if (id <= 0 || id != handle->getId()) {
     logWarning("W TransferWrapper:onProgress:Invalid id=%d:", id);
     return;
   }
@@ -96,10 +96,10 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
       return;
     case xfr::downloadCompleted: {
       logInfo("I TransferWrapper:onProgress:status=downloadCompleted:");
-      const bool completed = transferStatus->getState() == xfr::downloadCompleted;
+      const bool isCompleted = transferStatus->getState() == xfr::downloadCompleted;
       {
-        const Lock lock(mutex_);
-        completed_ = completed;
+        const Lock lock(mutex);
+        completed = isCompleted;
       }
       signalEnd();
       return;
@@ -109,30 +109,30 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
   }
 }
 
-void TransferWrapper::setTransfer(xfr::Transfer* transfer) {
+void TransferWrapper::setTransfer(xfr::Transfer* handle) {
   std::unique_ptr<xfr::Transfer> superseded;  // destroyed behind the lock
-  const Lock lock(mutex_);
-  if (transfer_.get() == transfer) return;
-  superseded = std::move(transfer_);
-  transfer_.reset(transfer);
+  const Lock lock(mutex);
+  if (transfer.get() == handle) return;
+  superseded = std::move(transfer);
+  transfer.reset(handle);
 }
 
 xfr::Transfer* TransferWrapper::getTransfer() {
-  const Lock lock(mutex_);
-  return transfer_.get();
+  const Lock lock(mutex);
+  return transfer.get();
 }
 
 // An end that was reported before the wait began counts as well.
 void TransferWrapper::waitForEnd(const timespec& deadline) {
-  const Lock lock(mutex_);
+  const Lock lock(mutex);
   int result = 0;
-  while (!ended_ && result == 0) result = pthread_cond_timedwait(&condition_, &mutex_, &deadline);
+  while (!ended && result == 0) result = pthread_cond_timedwait(&condition, &mutex, &deadline);
 }
 
 void TransferWrapper::signalEnd() {
-  const Lock lock(mutex_);
-  ended_ = true;
-  pthread_cond_signal(&condition_);
+  const Lock lock(mutex);
+  ended = true;
+  pthread_cond_signal(&condition);
 }
 
 }  // namespace zelo

@@ -16,8 +16,8 @@ inline constexpr const char* REQUEST_METHOD = "GET";
 /// One blocking download of one address into one file; hears the transfer service's reports about it.
 class TransferWrapper : public xfr::TransferListener {
  public:
-  TransferWrapper(const std::string& sourceAddress, const std::string& method, const std::string& passThrough,
-                  const std::string& destinationPath);
+  TransferWrapper(const std::string& source, const std::string& requestMethod,
+                  const std::string& passThroughText, const std::string& destination);
   TransferWrapper(const TransferWrapper&) = delete;
   TransferWrapper& operator=(const TransferWrapper&) = delete;
 
@@ -30,7 +30,7 @@ class TransferWrapper : public xfr::TransferListener {
   void onProgress(xfr::TransferStatus* transferStatus) override;
 
   /// Takes the handle over.
-  void setTransfer(xfr::Transfer* transfer) override;
+  void setTransfer(xfr::Transfer* handle) override;
   [[nodiscard]] xfr::Transfer* getTransfer() override;
 
   ~TransferWrapper() override;
@@ -41,18 +41,18 @@ class TransferWrapper : public xfr::TransferListener {
   void waitForEnd(const timespec& deadline);
   void signalEnd();
 
-  const std::string sourceAddress_;
-  const std::string method_;
-  const std::string passThrough_;
-  const std::string destinationPath_;
+  const std::string sourceAddress;
+  const std::string method;
+  const std::string passThrough;
+  const std::string destinationPath;
   // pthread's own types: the deadline is measured by the realtime clock that their defaults name.
-  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
-  pthread_cond_t condition_ = PTHREAD_COND_INITIALIZER;
-  std::unique_ptr<xfr::TransferRequestDescImpl> request_;
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  std::unique_ptr<xfr::TransferRequestDescImpl> request;
   // The reports arrive on a thread of the transfer library; the mutex guards what both threads use.
-  std::unique_ptr<xfr::Transfer> transfer_;
-  bool completed_ = false;
-  bool ended_ = false;
+  std::unique_ptr<xfr::Transfer> transfer;
+  bool completed = false;
+  bool ended = false;
 };
 
 /// `now` plus `seconds`, as far as time_t can count.

@@ -4,6 +4,7 @@
 #include "download/work_directory.h"
 #include "main/uncaught.h"
 #include "utils/files.h"
+#include "utils/heap.h"
 #include "utils/inherited_state.h"
 
 // An exception here has no catcher: the terminate handler, installed first, ends the process in order.
@@ -16,6 +17,7 @@ struct ProcessFrame {
   ProcessFrame() {
     zelo::endOnUncaughtExceptions();
     zelo::repairInheritedState();
+    zelo::reserveHeap();
   }
 };
 
@@ -34,5 +36,5 @@ const TransferServiceWrapper transferServiceWrapper;
 // NOLINTEND(cert-err58-cpp)
 
 xfr::TransferServiceImpl* getTransferService() {
-  return transferServiceWrapper.service();
+  return transferServiceWrapper.getService();
 }

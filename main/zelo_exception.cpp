@@ -2,17 +2,17 @@
 
 namespace zelo {
 
-ZeloException::ZeloException(const std::string& code, const std::string& message) : code_(code) {
-  fullMessage_.reserve(message.size() + 16);
-  fullMessage_.append("zelo exception: ").append(message).append(". code=").append(code);
+ZeloException::ZeloException(const std::string& errorCode, const std::string& message) : code(errorCode) {
+  fullMessage.reserve(message.size() + 16);
+  fullMessage.append("zelo exception: ").append(message).append(". code=").append(errorCode);
 }
 
 const char* ZeloException::what() const noexcept {
-  return fullMessage_.c_str();
+  return fullMessage.c_str();
 }
 
 std::string ZeloException::getCode() const {
-  return code_;
+  return code;
 }
 
 }  // namespace zelo

@@ -15,7 +15,7 @@ inline constexpr const char* ERROR_CODE_UNKNOWN = "99";
 /// A failure that reaches the user. Not a `std::runtime_error`: the stages catch those and let this pass.
 class ZeloException : public std::exception {
  public:
-  ZeloException(const std::string& code, const std::string& message);
+  ZeloException(const std::string& errorCode, const std::string& message);
 
   /// "zelo exception: ", the message, ". code=" and the code.
   [[nodiscard]] const char* what() const noexcept override;
@@ -24,8 +24,8 @@ class ZeloException : public std::exception {
   [[nodiscard]] virtual std::string getCode() const;
 
  private:
-  std::string code_;
-  std::string fullMessage_;
+  std::string code;
+  std::string fullMessage;
 };
 
 }  // namespace zelo

@@ -44,8 +44,8 @@ TEST_F(Bundle, VerifiesUnpacksAndRuns) {
 }
 
 TEST_F(Bundle, RefusesWhateverDoesNotVerify) {
-  const std::string archive = readFile(bundle.bundlePath());
-  const std::string signature = readFile(bundle.signaturePath());
+  const std::string archive = readFile(bundle.getBundlePath());
+  const std::string signature = readFile(bundle.getSignaturePath());
   const auto refused = [&](const std::string& key) {
     return failureOf<std::runtime_error>([&] { bundle.verifySignature(directory + key); });
   };
@@ -54,19 +54,19 @@ TEST_F(Bundle, RefusesWhateverDoesNotVerify) {
   EXPECT_EQ(refused(""), "failed to execute command");
   std::string changed = archive;
   changed[20] = static_cast<char>(changed[20] ^ 1);
-  writeFile(bundle.bundlePath(), changed);
+  writeFile(bundle.getBundlePath(), changed);
   EXPECT_EQ(refused("/pub.pem"), "failed to execute command");
-  writeFile(bundle.bundlePath(), archive);
-  writeFile(bundle.signaturePath(), "no base64!" + signature);
+  writeFile(bundle.getBundlePath(), archive);
+  writeFile(bundle.getSignaturePath(), "no base64!" + signature);
   EXPECT_EQ(refused("/pub.pem"), "failed to execute command");
-  writeFile(bundle.signaturePath(), "");
+  writeFile(bundle.getSignaturePath(), "");
   EXPECT_EQ(refused("/pub.pem"), "failed to execute command");
   (void)testing::internal::GetCapturedStderr();
 }
 
 TEST_F(Bundle, FailuresCarryTheStagesCode) {
   testing::internal::CaptureStderr();
-  writeFile(bundle.bundlePath(), "no gzip");
+  writeFile(bundle.getBundlePath(), "no gzip");
   EXPECT_EQ(failureOf<ZeloException>([&] { (void)bundle.extract(); }),
             "zelo exception: failed to execute command. code=01");
   EXPECT_EQ(failureOf<ZeloException>([] { (void)ZeloInstallerBundle("", "").extract(); }),
@@ -85,8 +85,8 @@ TEST_F(Bundle, FailuresCarryTheStagesCode) {
 
 TEST_F(Bundle, MovesBothFiles) {
   const ZeloInstallerBundle moved = bundle.moveTo(directory + "/there");
-  EXPECT_EQ(moved.bundlePath(), directory + "/there/a.tar.gz");
-  EXPECT_EQ(moved.signaturePath(), directory + "/there/a.sig");
+  EXPECT_EQ(moved.getBundlePath(), directory + "/there/a.tar.gz");
+  EXPECT_EQ(moved.getSignaturePath(), directory + "/there/a.sig");
   moved.verifySignature(directory + "/pub.pem");
   EXPECT_EQ(failureOf<std::runtime_error>([&] { (void)bundle.moveTo(directory); }),
             "failed to execute command");

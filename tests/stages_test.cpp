@@ -55,9 +55,9 @@ TEST_F(Stages, MetadataSucceeds) {
 
   platform.calls.clear();
   const ZeloInstallerBundle bundle = metadata.downloadBundle();
-  EXPECT_EQ(platform.calls.front(), "initiate https://b/x " + bundle.bundlePath());
-  EXPECT_EQ(bundle.bundlePath(), g_work_directory + "/zelo_installer.tar.gz");
-  EXPECT_EQ(bundle.signaturePath(), signaturePath);
+  EXPECT_EQ(platform.calls.front(), "initiate https://b/x " + bundle.getBundlePath());
+  EXPECT_EQ(bundle.getBundlePath(), g_work_directory + "/zelo_installer.tar.gz");
+  EXPECT_EQ(bundle.getSignaturePath(), signaturePath);
 }
 
 TEST_F(Stages, MetadataAttemptsAndTheirFailures) {

@@ -34,9 +34,10 @@ void repairInheritedState() {
 void stopIgnoringSignals() noexcept {
   for (int signum = 1; signum <= SIGRTMAX; ++signum) {
     struct sigaction action {};
-    if (sigaction(signum, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) (void)signal(signum, SIG_DFL);
+    if (sigaction(signum, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
+      (void)signal(signum, SIG_DFL);
   }
-  (void)signal(SIGPIPE, doNothing);
+  for (const int signum : {SIGPIPE, SIGXFSZ}) (void)signal(signum, doNothing);
 }
 
 void closeOnExecFrom(int first) noexcept {

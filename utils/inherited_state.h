@@ -7,8 +7,8 @@ namespace zelo {
 /// `std::runtime_error` when /dev/null cannot be opened.
 void repairInheritedState();
 
-/// Programs inherit ignored signals, so none stays ignored: each gets its default, and SIGPIPE, which
-/// must not end the daemon, a handler that does nothing.
+/// Programs inherit ignored signals, so none stays ignored: each gets its default, and SIGPIPE and
+/// SIGXFSZ, by which a failed write must not end the daemon, a handler that does nothing.
 void stopIgnoringSignals() noexcept;
 
 /// Marks every open descriptor from `first` on close-on-exec, whoever opened it.

@@ -8,27 +8,27 @@
 
 namespace zelo {
 
-JSONWrapper::JSONWrapper() : root_(cJSON_CreateObject(), cJSON_Delete) {
-  if (!root_) throw std::bad_alloc();
+JSONWrapper::JSONWrapper() : root(cJSON_CreateObject(), cJSON_Delete) {
+  if (!root) throw std::bad_alloc();
 }
 
-JSONWrapper::JSONWrapper(const std::string& text) : root_(cJSON_Parse(text.c_str()), cJSON_Delete) {
-  if (!root_) throw std::runtime_error("invalid json " + text);
+JSONWrapper::JSONWrapper(const std::string& text) : root(cJSON_Parse(text.c_str()), cJSON_Delete) {
+  if (!root) throw std::runtime_error("invalid json " + text);
 }
 
 std::string JSONWrapper::getString(const std::string& name) const {
-  const char* text = cJSON_GetStringItem(root_.get(), name.c_str(), nullptr);
+  const char* text = cJSON_GetStringItem(root.get(), name.c_str(), nullptr);
   if (text == nullptr) throw std::runtime_error("key " + name + " not found");
   return text;
 }
 
 void JSONWrapper::addString(const std::string& name, const std::string& value) {
   std::unique_ptr<cJSON, decltype(&cJSON_Delete)> item(cJSON_CreateString(value.c_str()), cJSON_Delete);
-  if (cJSON_AddItemToObject(root_.get(), name.c_str(), item.get()) != 0) (void)item.release();
+  if (cJSON_AddItemToObject(root.get(), name.c_str(), item.get()) != 0) (void)item.release();
 }
 
 std::string JSONWrapper::toString() const {
-  const PlatformText text(cJSON_PrintUnformatted(root_.get()));
+  const PlatformText text(cJSON_PrintUnformatted(root.get()));
   return text ? text.get() : "";
 }
 

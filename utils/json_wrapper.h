@@ -31,7 +31,7 @@ class JSONWrapper {
   [[nodiscard]] std::string toString() const;
 
  private:
-  std::unique_ptr<cJSON, decltype(&cJSON_Delete)> root_;
+  std::unique_ptr<cJSON, decltype(&cJSON_Delete)> root;
 };
 
 }  // namespace zelo

@@ -28,12 +28,12 @@ void awaitEnd() noexcept {
   for (;;) pause();
 }
 
-ProgramGate::ProgramGate() : lock_(programRunning) {
+ProgramGate::ProgramGate() : lock(programRunning) {
   if (terminationSignal() != 0) leave();
 }
 
 void ProgramGate::leave() {
-  lock_.unlock();
+  lock.unlock();
   if (terminationSignal() != 0) awaitEnd();
 }
 

@@ -27,7 +27,7 @@ class ProgramGate {
   void leave();
 
  private:
-  std::unique_lock<std::mutex> lock_;
+  std::unique_lock<std::mutex> lock;
 };
 
 /// Waits until no program is running and keeps the gate shut for good.

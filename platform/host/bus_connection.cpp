@@ -1,7 +1,10 @@
 #include "platform/host/bus_connection.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 
 namespace kbus {
 namespace {
@@ -48,6 +51,26 @@ bool claimName(GDBusConnection* connection, const char* name, Sharing sharing, E
   guint32 outcome = 0;
   if (reply) g_variant_get(reply.get(), "(u)", &outcome);
   return outcome == primaryOwner;
+}
+
+// A question whose answer follows what was sent; GIO's own flushing needs a thread more, and waits for
+// ever when it cannot have one.
+bool arrived(GDBusConnection* connection, Error& error) {
+  GError* failure = nullptr;
+  const Variant reply(g_dbus_connection_call_sync(
+      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", nullptr,
+      G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, callTimeoutMilliseconds, nullptr, &failure));
+  error.reset(failure);
+  return reply != nullptr;
+}
+
+void endWithStatusOneOnFatalErrors() {
+  g_log_set_default_handler(
+      [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer unused) {
+        g_log_default_handler(domain, level, message, unused);
+        if ((level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0) _exit(EXIT_FAILURE);
+      },
+      nullptr);
 }
 
 std::string objectPath(const std::string& dottedName) {

@@ -32,6 +32,13 @@ enum class Sharing { none, withLaterClaimants };
 /// Claims a name. False, with `error` set unless another owns it.
 [[nodiscard]] bool claimName(GDBusConnection* connection, const char* name, Sharing sharing, Error& error);
 
+/// Waits until the bus has got all that was sent before. False, with `error` set, when it does not.
+[[nodiscard]] bool arrived(GDBusConnection* connection, Error& error);
+
+/// For programs: where GLib gives up for want of memory, threads or descriptors, the program ends with
+/// status 1, as it does when anything else fails, instead of by a signal.
+void endWithStatusOneOnFatalErrors();
+
 /// The path of the object that a dotted name stands for: "/com/qorvex" for "com.qorvex".
 [[nodiscard]] std::string objectPath(const std::string& dottedName);
 

@@ -19,6 +19,7 @@ int fail(const char* what, const char* why) {
 
 // Emits a signal under a dotted name, with the texts as its parameters.
 int main(int argc, char* argv[]) {
+  kbus::endWithStatusOneOnFatalErrors();
   if (argc < 3) return usage();
   const char* name = argv[1];
   const char* event = argv[2];
@@ -40,8 +41,7 @@ int main(int argc, char* argv[]) {
   if (!bus) return fail("no bus", error->message);
   GError* failure = nullptr;
   const bool sent = g_dbus_connection_emit_signal(bus.get(), nullptr, kbus::objectPath(name).c_str(), name,
-                                                  event, texts.get(), &failure) != FALSE &&
-                    g_dbus_connection_flush_sync(bus.get(), nullptr, &failure) != FALSE;
+                                                  event, texts.get(), &failure) != FALSE;
   error.reset(failure);
-  return sent ? 0 : fail(name, error->message);
+  return sent && kbus::arrived(bus.get(), error) ? 0 : fail(name, error->message);
 }

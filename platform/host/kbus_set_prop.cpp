@@ -15,6 +15,7 @@ int fail(const char* what, const kbus::Error& error) {
 
 // Sets a string property of a service: of the object and the interface that bear its name.
 int main(int argc, char* argv[]) {
+  kbus::endWithStatusOneOnFatalErrors();
   if (argc != 4) {
     (void)std::fputs("usage: kbus-set-prop SERVICE PROPERTY VALUE\n", stderr);
     return 2;

@@ -34,8 +34,9 @@ void repairInheritedState() {
 void stopIgnoringSignals() noexcept {
   for (int signum = 1; signum <= SIGRTMAX; ++signum) {
     struct sigaction action {};
-    if (sigaction(signum, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
+    if (sigaction(signum, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
       (void)signal(signum, SIG_DFL);
+    }
   }
   for (const int signum : {SIGPIPE, SIGXFSZ}) (void)signal(signum, doNothing);
 }

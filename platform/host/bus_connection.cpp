@@ -67,7 +67,9 @@ bool arrived(GDBusConnection* connection, Error& error) {
 void endWithStatusOneOnFatalErrors() {
   g_log_set_default_handler(
       [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer unused) {
-        g_log_default_handler(domain, level, message, unused);
+        // Without its flag, or the handler itself would abort.
+        g_log_default_handler(domain, static_cast<GLogLevelFlags>(level & ~G_LOG_FLAG_FATAL), message,
+                              unused);
         if ((level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0) _exit(EXIT_FAILURE);
       },
       nullptr);

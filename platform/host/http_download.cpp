@@ -40,8 +40,10 @@ bool isSuccess(long status) {
 
 }  // namespace
 
-HttpDownload::HttpDownload(std::string address, std::string destination)
-    : address_(std::move(address)),
+HttpDownload::HttpDownload(std::shared_ptr<const CurlLibrary> library, std::string address,
+                           std::string destination)
+    : library_(std::move(library)),
+      address_(std::move(address)),
       destination_(std::move(destination)),
       multi_(curl_multi_init(), curl_multi_cleanup),
       easy_(curl_easy_init(), curl_easy_cleanup) {}
@@ -64,11 +66,11 @@ int HttpDownload::run() {
     // Once protected, the way to the file stays protected.
     const char* scheme = nullptr;
     curl_easy_getinfo(easy_.get(), CURLINFO_SCHEME, &scheme);
-    if (scheme != nullptr && strcasecmp(scheme, "https") == 0) {
-      curl_easy_setopt(easy_.get(), CURLOPT_PROTOCOLS_STR, "https");
-    }
-    if (curl_easy_setopt(easy_.get(), CURLOPT_URL, std::string(next).c_str()) != CURLE_OK)
+    const bool isOpen = scheme != nullptr && strcasecmp(scheme, "http") == 0;
+    if (!isOpen && curl_easy_setopt(easy_.get(), CURLOPT_PROTOCOLS_STR, "https") != CURLE_OK) {
       return CURLE_OUT_OF_MEMORY;
+    }
+    if (curl_easy_setopt(easy_.get(), CURLOPT_URL, next) != CURLE_OK) return CURLE_OUT_OF_MEMORY;
   }
   return CURLE_TOO_MANY_REDIRECTS;
 }
@@ -84,6 +86,9 @@ bool HttpDownload::setOptions() {
          curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_PROXY, "") == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_CAINFO, trustedAuthorities) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr) == CURLE_OK &&
+         // Else a cancelled download would wait for the answer of its name server.
+         curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_FAILONERROR, 1L) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, connectSeconds) == CURLE_OK &&

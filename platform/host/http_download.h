@@ -10,12 +10,28 @@
 
 namespace xfr {
 
+/// Keeps libcurl ready for as long as it lives. Shared by all who use it, whoever goes last.
+class CurlLibrary {
+ public:
+  CurlLibrary() = default;
+  CurlLibrary(const CurlLibrary&) = delete;
+  CurlLibrary& operator=(const CurlLibrary&) = delete;
+  ~CurlLibrary() {
+    if (ready_) curl_global_cleanup();
+  }
+
+  [[nodiscard]] bool ready() const { return ready_; }
+
+ private:
+  const bool ready_ = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+};
+
 /// Downloads one address into one file.
 class HttpDownload {
  public:
   static constexpr int succeeded = 0;
 
-  HttpDownload(std::string address, std::string destination);
+  HttpDownload(std::shared_ptr<const CurlLibrary> library, std::string address, std::string destination);
   HttpDownload(const HttpDownload&) = delete;
   HttpDownload& operator=(const HttpDownload&) = delete;
 
@@ -32,6 +48,7 @@ class HttpDownload {
   [[nodiscard]] long status() const;
   static size_t receive(char* data, size_t size, size_t count, void* self);
 
+  const std::shared_ptr<const CurlLibrary> library_;  // before all that needs it
   const std::string address_;
   const std::string destination_;
   const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;

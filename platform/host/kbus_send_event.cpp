@@ -30,7 +30,10 @@ int main(int argc, char* argv[]) {
   g_variant_builder_init(&parameters, G_VARIANT_TYPE_TUPLE);
   int next = 3;
   for (; next + 1 < argc && std::string_view(argv[next]) == "-s"; next += 2) {
-    if (g_utf8_validate(argv[next + 1], -1, nullptr) == FALSE) return fail(argv[next + 1], "not UTF-8");
+    if (g_utf8_validate(argv[next + 1], -1, nullptr) == FALSE) {
+      g_variant_builder_clear(&parameters);
+      return fail(argv[next + 1], "not UTF-8");
+    }
     g_variant_builder_add(&parameters, "s", argv[next + 1]);
   }
   const kbus::Variant texts(g_variant_ref_sink(g_variant_builder_end(&parameters)));

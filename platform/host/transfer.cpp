@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <system_error>
+#include <utility>
 
 namespace xfr {
 namespace {
@@ -21,14 +22,16 @@ struct Status final : TransferStatus {
   int errorCode;
 };
 
-/// Blocks all signals: a thread started meanwhile has them blocked from birth. They are the
-/// process's business, and a connection that breaks while it is written to must not end the process.
+/// Blocks signals: a thread started meanwhile has them blocked from birth. They are the process's
+/// business, and a connection that breaks while it is written to must not end the process. All but
+/// those of a fault: blocked, they would end the process without its crash dump.
 class BlockSignals {
  public:
   BlockSignals() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
+    sigset_t most;
+    sigfillset(&most);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGSYS, SIGTRAP}) sigdelset(&most, fault);
+    pthread_sigmask(SIG_SETMASK, &most, &before_);
   }
   BlockSignals(const BlockSignals&) = delete;
   BlockSignals& operator=(const BlockSignals&) = delete;
@@ -40,9 +43,9 @@ class BlockSignals {
 
 }  // namespace
 
-HttpTransfer::HttpTransfer(int id, const std::string& address, const std::string& destination,
-                           TransferListener& listener)
-    : id_(id), listener_(listener), download_(address, destination) {}
+HttpTransfer::HttpTransfer(std::shared_ptr<const CurlLibrary> library, int id, const std::string& address,
+                           const std::string& destination, TransferListener& listener)
+    : id_(id), listener_(listener), download_(std::move(library), address, destination) {}
 
 HttpTransfer::~HttpTransfer() {
   finish();

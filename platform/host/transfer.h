@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -12,8 +13,8 @@ namespace xfr {
 /// A download on a thread of its own that reports to its listener.
 class HttpTransfer final : public Transfer {
  public:
-  HttpTransfer(int id, const std::string& address, const std::string& destination,
-               TransferListener& listener);
+  HttpTransfer(std::shared_ptr<const CurlLibrary> library, int id, const std::string& address,
+               const std::string& destination, TransferListener& listener);
   HttpTransfer(const HttpTransfer&) = delete;
   HttpTransfer& operator=(const HttpTransfer&) = delete;
   ~HttpTransfer() override;

@@ -1,4 +1,5 @@
 #include <string_view>
+#include <utility>
 
 #include "platform/host/transfer.h"
 #include "platform/xfr.h"
@@ -24,30 +25,31 @@ TransferRequestDescImpl::TransferRequestDescImpl(
 TransferRequestDescImpl::~TransferRequestDescImpl() = default;
 
 struct TransferServiceImpl::State {
-  bool ready = false;
+  std::shared_ptr<const CurlLibrary> library;  // null until the client is ready
   int lastId = 0;
 };
 
 TransferServiceImpl::TransferServiceImpl(KbusHandleStruct* /*bus*/) : state_(std::make_unique<State>()) {}
 
-TransferServiceImpl::~TransferServiceImpl() {
-  if (state_->ready) curl_global_cleanup();
-}
+TransferServiceImpl::~TransferServiceImpl() = default;
 
 bool TransferServiceImpl::initialize() {
-  if (!state_->ready) state_->ready = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
-  return state_->ready;
+  if (state_->library) return true;
+  auto library = std::make_shared<const CurlLibrary>();
+  if (!library->ready()) return false;
+  state_->library = std::move(library);
+  return true;
 }
 
 Transfer* TransferServiceImpl::initiateTransfer(TransferRequestDescImpl* request) {
-  if (!state_->ready || request == nullptr) return nullptr;
+  if (!state_->library || request == nullptr) return nullptr;
   const TransferRequestDescImpl::State& wanted = *request->state_;
   if (wanted.sourceAddress == nullptr || wanted.destinationPath == nullptr || wanted.listener == nullptr ||
       wanted.method == nullptr || std::string_view(wanted.method) != "GET") {
     return nullptr;
   }
 
-  auto transfer = std::make_unique<HttpTransfer>(++state_->lastId, wanted.sourceAddress,
+  auto transfer = std::make_unique<HttpTransfer>(state_->library, ++state_->lastId, wanted.sourceAddress,
                                                  wanted.destinationPath, *wanted.listener);
   HttpTransfer* const handle = transfer.release();
   wanted.listener->setTransfer(handle);  // the owner from here on
@@ -61,8 +63,9 @@ int TransferServiceImpl::suspendTransfer(Transfer* /*transfer*/) {
 }
 
 int TransferServiceImpl::finishTransfer(Transfer* transfer, int /*reason*/) {
-  if (transfer == nullptr) return -1;
-  static_cast<HttpTransfer*>(transfer)->finish();
+  auto* const mine = dynamic_cast<HttpTransfer*>(transfer);
+  if (mine == nullptr) return -1;
+  mine->finish();
   return 0;
 }
 

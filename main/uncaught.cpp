@@ -1,6 +1,5 @@
 #include "main/uncaught.h"
 
-#include <glib.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -29,12 +28,6 @@ namespace {
   }
 }
 
-// GLib's answer to a lack of memory, threads or descriptors is a fatal line, then an abort.
-void endOnFatalLine(const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer /*unused*/) {
-  if ((level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0) end(message != nullptr ? message : "GLib");
-  g_log_default_handler(domain, level, message, nullptr);
-}
-
 // Stands until the crash dumps are set up; before that, an abort is a library in want of something.
 void endOnAbort(int /*signum*/) {
   _exit(EXIT_FAILURE);
@@ -44,7 +37,6 @@ void endOnAbort(int /*signum*/) {
 
 void endOnUncaughtExceptions() noexcept {
   std::set_terminate(endWithStatusOne);
-  g_log_set_default_handler(endOnFatalLine, nullptr);
   (void)signal(SIGABRT, endOnAbort);
 }
 

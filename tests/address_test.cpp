@@ -15,12 +15,27 @@ TEST(AddressPolicy, AcceptsHttpsToOtherHostsOnly) {
         "https://x/http://localhost/"}) {
     EXPECT_FALSE(isAddressNotAllowed(address)) << address;
   }
-  for (const char* address :
-       {"http://bundles.example.com/", "ftp://bundles.example.com/", "file:///etc/passwd",
-        "httpsx://bundles.example/", "https://localhost/", "https://LocalHost:8443/",
-        "https://LOCALHOST.localdomain/x", "https://u@localhost/", "https://%6cocalhost/",
-        "https://127.0.0.1/", "https://127.255.255.255:1/", "https://127.999.0.1/", "https:", "",
-        "bundles.example.com", "/b.tar.gz", "//bundles.example/", "https//bundles.example/"}) {
+  for (const char* address : {"http://bundles.example.com/",
+                              "ftp://bundles.example.com/",
+                              "file:///etc/passwd",
+                              "httpsx://bundles.example/",
+                              "https://localhost/",
+                              "https://LocalHost:8443/",
+                              "https://LOCALHOST.localdomain/x",
+                              "https://u@localhost/",
+                              "https://%6cocalhost/",
+                              "https://127.0.0.1/",
+                              "https://127.255.255.255:1/",
+                              "https://127.999.0.1/",
+                              "https:",
+                              "https:///127.0.0.1/b",
+                              "https://:8443/x",
+                              "https://u@/x",
+                              "",
+                              "bundles.example.com",
+                              "/b.tar.gz",
+                              "//bundles.example/",
+                              "https//bundles.example/"}) {
     EXPECT_TRUE(isAddressNotAllowed(address)) << address;
   }
 }

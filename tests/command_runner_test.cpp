@@ -151,6 +151,7 @@ TEST(ProgramGate, NoProgramStartsOrSucceedsOnceASignalHasArrived) {
     const char* when;
     void (*prepare)();
     bool started;
+    const char* script = "echo started >&2";
   } rows[] = {{"before", [] { terminate(); }, false},
               {"between gate and fork", [] { pthread_atfork([] { terminate(); }, nullptr, nullptr); }, false},
               {"while it runs",
@@ -166,8 +167,9 @@ TEST(ProgramGate, NoProgramStartsOrSucceedsOnceASignalHasArrived) {
     if (pid == 0) {
       dup2(ends[1], 2);
       row.prepare();
-      alarm(1);
-      (void)shell("echo started >&2");
+      const itimerval soon{{0, 0}, {0, 300000}};
+      setitimer(ITIMER_REAL, &soon, nullptr);
+      (void)shell(row.script);
       _exit(0);  // must not get here
     }
     close(ends[1]);

@@ -28,7 +28,7 @@ namespace {
 
 Platform current;
 std::mutex logLock;
-int nextId = 1;
+bool logIsShown = false;
 
 struct Handle final : xfr::Transfer {
   explicit Handle(int value) : id(value) { ++current.transfersAlive; }
@@ -74,6 +74,10 @@ void reset() {
   EXPECT_EQ(current.requestsAlive, 0);
   current = Platform();
   g_qorvex_log_mask = 0x0FFF0000;
+}
+
+void logToStandardError() {
+  logIsShown = true;
 }
 
 std::string temporaryDirectory() {
@@ -168,7 +172,7 @@ xfr::Transfer* xfr::TransferServiceImpl::initiateTransfer(TransferRequestDescImp
   current.calls.push_back("initiate " + submitted.source + " " + submitted.destination);
   EXPECT_EQ(submitted.method, "GET");
   EXPECT_EQ(submitted.client, "com.qorvex.zeloinstall");
-  submitted.id = fake::nextId++;
+  submitted.id = current.firstId++;
   auto handle = std::make_unique<fake::Handle>(submitted.id);
   submitted.handle = handle.get();
   if (!current.onInitiate(submitted)) {
@@ -235,6 +239,7 @@ extern "C" {
 void vsyslog(int priority, const char* format, std::va_list arguments) {
   char line[4096];
   std::vsnprintf(line, sizeof line, format, arguments);
+  if (fake::logIsShown) std::fprintf(stderr, "%s\n", line);
   const std::lock_guard<std::mutex> lock(fake::logLock);
   current.log.push_back("<" + std::to_string(priority) + "> " + line);
 }

@@ -46,6 +46,7 @@ struct Platform {
   bool succeedWithoutText = false;
   int lockHandle = 0;
   bool clockFails = false;
+  int firstId = 1;
   int spuriousWakeUps = 0;  // of the next timed waits
 
   /// Runs inside `initiateTransfer`; false refuses the request.
@@ -72,6 +73,9 @@ void reset();
 
 /// A new private directory, removed when the tests are over.
 std::string temporaryDirectory();
+
+/// What is logged from now on goes to standard error instead of the journal.
+void logToStandardError();
 
 /// Number of journal entries that begin with a text.
 int count(const std::vector<std::string>& journal, const std::string& beginning);

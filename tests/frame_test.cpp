@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include "tests/expect_failure.h"
 #include "tests/fake_platform.h"
 #include "utils/command_runner.h"
+#include "utils/program_gate.h"
 
 using zelo::ZeloException;
 
@@ -84,7 +87,7 @@ TEST_F(Frame, ASecondInstanceIsRefused) {
             "<5> I def:zeloinstall:main:one more instance of zeloinstall is running. Exiting");
 }
 
-// Runs in a process of its own, whose log and journal go to standard error when the lock is released.
+// As the entry does; in a process of its own.
 void startFrame() {
   checkSingleInstance();
   startShutdownThreads();
@@ -111,7 +114,6 @@ TEST_F(Frame, ATerminationSignalWaitsForTheRunningProgram) {
   if (pid == 0) {
     startFrame();
     dup2(ends[1], 2);
-    // The child signals its parent, is signalled itself before it becomes the program, and goes on.
     (void)zelo::runCommand({"/bin/sh", "-c", "kill -TERM $PPID; sleep 0.3; echo done >&2"});
     _exit(0);
   }
@@ -119,9 +121,20 @@ TEST_F(Frame, ATerminationSignalWaitsForTheRunningProgram) {
   int status = 0;
   waitpid(pid, &status, 0);
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+  fcntl(ends[0], F_SETFL, O_NONBLOCK);
   char text[8] = {};
   EXPECT_EQ(read(ends[0], text, sizeof text), 5) << "the process ended before the program";
   close(ends[0]);
+}
+
+TEST_F(Frame, ASignalToAForkedChildIsTheChildsOwn) {
+  EXPECT_EXIT(
+      {
+        startFrame();
+        pthread_atfork(nullptr, nullptr, [] { raise(SIGTERM); });
+        _exit(zelo::runCommand({"/bin/echo", "started"}).empty() && zelo::terminationSignal() == 0 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Frame, UncaughtExceptionsEndWithStatusOne) {
@@ -135,10 +148,10 @@ TEST_F(Frame, UncaughtExceptionsEndWithStatusOne) {
     EXPECT_EXIT(
         {
           zelo::endOnUncaughtExceptions();
+          fake::logToStandardError();
           [&]() noexcept { row.fail(); }();
         },
-        testing::ExitedWithCode(1), "")
-        << row.what;
+        testing::ExitedWithCode(1), row.what);
   }
 }
 

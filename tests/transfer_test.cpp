@@ -151,6 +151,30 @@ TEST_F(Transfer, EndsAtTheDeadline) {
   EXPECT_EQ(fake::count(platform.calls, "finish"), 4);
 }
 
+TEST_F(Transfer, TheDeadlineCoversTheSubmission) {
+  platform.onInitiate = [](Request&) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    return true;
+  };
+  const auto start = steady_clock::now();
+  EXPECT_EQ(download(1), "download failed");
+  EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(1500));
+}
+
+TEST_F(Transfer, IdsBelowOneAreInvalidEvenWhereTheyMatch) {
+  for (const int id : {-5, 0}) {
+    platform.firstId = id;
+    platform.onInitiate = [](Request& request) {
+      request.listener->setTransfer(request.handle);
+      fake::Report report(8, request.id);
+      request.listener->onProgress(&report);
+      return true;
+    };
+    EXPECT_EQ(download(0), "download failed");
+    EXPECT_EQ(platform.log.back(), "<4> W TransferWrapper:onProgress:Invalid id=" + std::to_string(id) + ":");
+  }
+}
+
 TEST_F(Transfer, DeadlinesSaturate) {
   constexpr time_t latest = std::numeric_limits<time_t>::max();
   const struct {
@@ -208,8 +232,8 @@ TEST_F(Transfer, AdversarialServiceNeverChangesTheOutcome) {
   std::mt19937 random(20);
   const auto pick = [&](int bound) { return static_cast<int>(random() % static_cast<unsigned>(bound)); };
   for (int round = 0; round < 4000; ++round) {
-    const bool early = round % 400 == 0 || pick(2) == 0;  // the handle is known before a report can come
-    const bool late = round % 400 == 0;                   // ends a hair around the deadline
+    const bool early = round % 1500 == 0 || pick(2) == 0;  // the handle is known before a report can come
+    const bool late = round % 1500 == 0;                   // ends a hair around the deadline
     const int callers = 1 + pick(2);
     const int end = std::array{8, 9, 6}[static_cast<std::size_t>(pick(3))];
     const int noise = pick(20);

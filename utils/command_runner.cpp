@@ -6,7 +6,7 @@
 
 #include <array>
 #include <cerrno>
-#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -87,8 +87,8 @@ std::string runProcess(char* const arguments[]) {
 
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("unable to create pipes for reading stdout");
-  Child
-      child;  // declared before the pipe: an exception closes the pipe first, which ends a child that writes
+  // Declared before the pipe: an exception closes the pipe first, which ends a child that writes.
+  Child child;
   FileDescriptor readEnd(ends[0]);
   FileDescriptor writeEnd(ends[1]);
 

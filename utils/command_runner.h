@@ -15,7 +15,7 @@ namespace zelo {
 /// reading stdout", "unable to fork", or "failed to execute command" when the program cannot be
 /// started or exits with a status other than 0.
 ///
-/// Does not return once a termination signal has arrived.
+/// Starts nothing and does not return once a termination signal has arrived.
 [[nodiscard]] std::string runCommand(std::vector<std::string> arguments);
 
 /// The layer beneath: the same for a null-terminated array of texts.

@@ -65,9 +65,9 @@ void writeFile(const std::string& path, const std::string& content) noexcept {
   std::size_t written = 0;
   while (written < content.size()) {
     const ssize_t count = write(file.get(), content.data() + written, content.size() - written);
-    if (count >= 0) {
+    if (count > 0) {
       written += static_cast<std::size_t>(count);
-    } else if (errno != EINTR) {
+    } else if (count == 0 || errno != EINTR) {
       return;
     }
   }

@@ -2,9 +2,9 @@
 
 namespace zelo {
 
-/// Libraries that the daemon uses end the process by a signal when they cannot have a few bytes, be it in
-/// threads of their own. So all threads share one heap, and it gets its room at the start. Throws
-/// `std::bad_alloc` when that cannot be had.
+/// Gives the process one heap for all its threads, with room from the start: libraries abort the process
+/// when a few bytes are not to be had, and a thread's own heap can fail while there is memory left.
+/// Throws `std::bad_alloc` when the room cannot be had.
 void reserveHeap();
 
 }  // namespace zelo

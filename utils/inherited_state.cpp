@@ -34,11 +34,14 @@ void repairInheritedState() {
 void stopIgnoringSignals() noexcept {
   for (int signum = 1; signum <= SIGRTMAX; ++signum) {
     struct sigaction action {};
-    if (sigaction(signum, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+    if (sigaction(signum, nullptr, &action) != 0) continue;
+    const bool byFailedWrite = signum == SIGPIPE || signum == SIGXFSZ;
+    if (byFailedWrite && (action.sa_handler == SIG_IGN || action.sa_handler == SIG_DFL)) {
+      (void)signal(signum, doNothing);
+    } else if (action.sa_handler == SIG_IGN) {
       (void)signal(signum, SIG_DFL);
     }
   }
-  for (const int signum : {SIGPIPE, SIGXFSZ}) (void)signal(signum, doNothing);
 }
 
 void closeOnExecFrom(int first) noexcept {

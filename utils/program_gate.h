@@ -4,9 +4,6 @@
 
 namespace zelo {
 
-/// Keeps the end of the process and the programs that it starts apart: once a termination signal has
-/// arrived no program is started any more, and the process ends only when none is running.
-
 /// Remembers a termination signal. True for the first one only. Async-signal-safe.
 [[nodiscard]] bool noteTerminationSignal(int signum) noexcept;
 
@@ -16,6 +13,9 @@ namespace zelo {
 /// Blocks the calling thread until the process ends.
 [[noreturn]] void awaitEnd() noexcept;
 
+/// Keeps the end of the process and the programs that it starts apart: once a termination signal has
+/// arrived no program is started any more, and the process ends only when none is running.
+///
 /// Held from before a program is started until it has been reaped. Once a termination signal has
 /// arrived, neither the constructor nor `leave` returns.
 class ProgramGate {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 
 namespace kbus {
@@ -67,10 +68,11 @@ bool arrived(GDBusConnection* connection, Error& error) {
 void endWithStatusOneOnFatalErrors() {
   g_log_set_default_handler(
       [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer unused) {
-        // Without its flag, or the handler itself would abort.
-        g_log_default_handler(domain, static_cast<GLogLevelFlags>(level & ~G_LOG_FLAG_FATAL), message,
-                              unused);
-        if ((level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0) _exit(EXIT_FAILURE);
+        if ((level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0) {
+          (void)std::fprintf(stderr, "%s\n", message != nullptr ? message : "GLib gives up");
+          _exit(EXIT_FAILURE);
+        }
+        g_log_default_handler(domain, level, message, unused);
       },
       nullptr);
 }

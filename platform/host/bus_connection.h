@@ -35,8 +35,8 @@ enum class Sharing { none, withLaterClaimants };
 /// Waits until the bus has got all that was sent before. False, with `error` set, when it does not.
 [[nodiscard]] bool arrived(GDBusConnection* connection, Error& error);
 
-/// For programs: where GLib gives up for want of memory, threads or descriptors, the program ends with
-/// status 1, as it does when anything else fails, instead of by a signal.
+/// Where GLib gives up for want of memory, threads or descriptors, the process says so and ends with
+/// status 1, as programs do when anything else fails, instead of by a signal.
 void endWithStatusOneOnFatalErrors();
 
 /// The path of the object that a dotted name stands for: "/com/qorvex" for "com.qorvex".

@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <new>
+#include <utility>
 
 #include "platform/host/bus_connection.h"
 
@@ -19,6 +20,7 @@ struct KbusHandleStruct {
 };
 
 KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) {
+  kbus::endWithStatusOneOnFatalErrors();
   kbus::Error error;
   kbus::Connection connection = kbus::connect(error);
   if (!connection) {

@@ -77,7 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   string scheme = address.substr(0, address.find(':'));
   for (char& c : scheme) c = lower(c);
   const string host = hostOf(address);
-  if (scheme != "https" || host == "localhost" || host == "localhost.localdomain" || isLoopback(host))
+  if (scheme != "https" || host.empty() || host == "localhost" || host == "localhost.localdomain" ||
+      isLoopback(host))
     std::abort();
   return 0;
 }

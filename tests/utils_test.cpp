@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +7,7 @@
 #include "platform/qorvex_daemon.h"
 #include "tests/expect_failure.h"
 #include "tests/fake_platform.h"
+#include "tests/memory_limit.h"
 #include "utils/device.h"
 #include "utils/files.h"
 #include "utils/json_wrapper.h"
@@ -96,35 +96,12 @@ TEST_F(Utils, FilesAreReadAndWrittenWhole) {
   EXPECT_EQ(readFile(file), "");
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// Emulators of another architecture take the limit and do nothing with it.
-bool memoryCanBeLimited() {
-  rlimit before{};
-  getrlimit(RLIMIT_AS, &before);
-  rlimit limit = before;
-  limit.rlim_cur = 2U << 30;
-  setrlimit(RLIMIT_AS, &limit);
-  rlimit after{};
-  getrlimit(RLIMIT_AS, &after);
-  setrlimit(RLIMIT_AS, &before);
-  return after.rlim_cur == limit.rlim_cur;
-}
-
 TEST_F(Utils, ReadingMoreThanTheMemoryHoldsYieldsNothing) {
-  if (!memoryCanBeLimited()) GTEST_SKIP() << "the limit on memory has no effect here";
   const std::string big = directory + "/big";
   writeFile(big, "");
   ASSERT_EQ(truncate(big.c_str(), 400L << 20), 0);
-  EXPECT_EXIT(
-      {
-        rlimit limit{};
-        limit.rlim_cur = limit.rlim_max = 200UL << 20;
-        setrlimit(RLIMIT_AS, &limit);
-        _exit(readFile(big).empty() ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(_exit(!limitMemory(200) || readFile(big).empty() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
-#endif
 
 TEST_F(Utils, MovingMakesTheDirectory) {
   const std::string source = directory + "/x.sig";

@@ -34,13 +34,17 @@ def as_root() -> list[str]:
     return [] if AS_ROOT else ["/usr/bin/unshare", "-r"]
 
 
-def enter(root: str, mounts: Sequence[str] = ()) -> list[str]:
-    """Prefix for a program inside `root`, its path and arguments follow. Needs no environment."""
+def enter(root: str, mounts: Sequence[str] = (), last: Sequence[str] = (), user: int = 0) -> list[str]:
+    """Prefix for a program inside `root`, its path and arguments follow. Needs no environment.
+
+    `last` is a prefix of its own for what comes behind the mounts. Another `user` takes root to become.
+    """
+    chroot = [*last, "/usr/sbin/chroot", *([f"--userspec={user}:{user}"] if user else []), root]
     mounts = [*ALWAYS, *mounts]
     if not mounts:
-        return ["/usr/sbin/chroot", root] if AS_ROOT else ["/usr/bin/unshare", "-r", "-R", root]
-    script = " && ".join([*mounts, 'exec /usr/sbin/chroot "$0" "$@"'])
-    return ["/usr/bin/unshare", *([] if AS_ROOT else ["-r"]), "-m", "/bin/sh", "-c", script, root]
+        return [*as_root(), *chroot]
+    script = " && ".join([*mounts, 'exec "$@"'])
+    return ["/usr/bin/unshare", *([] if AS_ROOT else ["-r"]), "-m", "/bin/sh", "-c", script, root, *chroot]
 
 
 @functools.cache

@@ -12,11 +12,12 @@ from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 from pathlib import Path
 
+from device.architecture import architecture, native_build
 from device.services import Shell
 
 FROM_HOST = ("/bin/sh", "/bin/tar", "/bin/gzip", "/bin/base64", "/bin/mv", "/usr/bin/openssl")
+DAEMON = "/usr/sbin/zeloinstall"
 FROM_BUILD = {
-    "/usr/sbin/zeloinstall": "zeloinstall",
     "/usr/bin/kbus-set-prop": "platform/host/kbus-set-prop",
     "/usr/bin/kbus-send-event": "platform/host/kbus-send-event",
     "/usr/bin/vestrel": "platform/host/vestrel",
@@ -37,13 +38,15 @@ def locked(path: Path, operation: int = fcntl.LOCK_EX) -> Iterator[None]:
 
 
 def libraries(program: Path) -> dict[str, Path]:
-    """The shared libraries of a native program: where each lies on a device, and here."""
-    listing = subprocess.run(["ldd", program], capture_output=True, text=True, check=False).stdout
+    """The shared libraries of a program: where each lies on a device, and here."""
+    kind = architecture(program)
+    listing = subprocess.run([*kind.ldd, program], capture_output=True, text=True, check=False).stdout
     if missing := re.findall(r"^\s*(\S+) => not found", listing, re.MULTILINE):
         raise FileNotFoundError(f"{program} needs {', '.join(missing)}")
-    # The loader searches /usr/lib without being told; the loader itself has one fixed path.
-    found = {f"/usr/lib/{name}": Path(path) for name, path in re.findall(r"(\S+) => (/\S+)", listing)}
-    found.update((path, Path(path)) for path in re.findall(r"^\s*(/\S+) \(", listing, re.MULTILINE))
+    # The loader searches the directory without being told; the loader itself has one fixed path.
+    linked = re.findall(r"(\S+) => (/\S+)", listing)
+    found = {f"{kind.directory}/{name}": kind.here(path) for name, path in linked}
+    found.update((path, kind.here(path)) for path in re.findall(r"^\s*(/\S+) \(", listing, re.MULTILINE))
     return found
 
 
@@ -51,12 +54,14 @@ class Template:
     """Programs and libraries, copied once and kept until one of their originals changes.
 
     `files` adds files to those of every device or replaces some: path on the device -> path here. The
-    libraries of native programs come along, those of foreign ones must be named.
+    libraries of programs come along, and what starts the daemon if it is foreign.
     """
 
     def __init__(self, build: Path, files: Mapping[str, Path]):
         self._programs = {path: Path(os.path.realpath(path)) for path in FROM_HOST}
-        self._programs.update((path, build / name) for path, name in FROM_BUILD.items())
+        self._programs.update((path, native_build(build) / name) for path, name in FROM_BUILD.items())
+        self._programs[DAEMON] = build / "zeloinstall"
+        self._programs.update((path, Path(path)) for path in architecture(build / "zeloinstall").launcher)
         self._programs.update(files)
         kind = json.dumps({path: str(source) for path, source in sorted(self._programs.items())})
         self._tree = build / "device" / f"root-{hashlib.sha256(kind.encode()).hexdigest()[:8]}"

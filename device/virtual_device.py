@@ -6,20 +6,24 @@
         print(run.wait(), run.log_lines(), device.shell_lines())
 """
 
+import fcntl
 import itertools
+import os
 import shutil
+import struct
 import subprocess
 import tempfile
 from collections.abc import Mapping, Sequence
 from contextlib import ExitStack
 from pathlib import Path
 
+from device.architecture import architecture
 from device.bundles import Bundle, make_bundle, sign
 from device.entering import enter
 from device.guardian import Guardian, clear
 from device.https_server import Content, Server
 from device.keys import HOST, Keys
-from device.rootfs import Template, make_null_device
+from device.rootfs import DAEMON, Template, make_null_device
 from device.run import Run
 from device.services import Shell, start_bus
 from device.syslog_receiver import SyslogReceiver
@@ -33,18 +37,17 @@ MARKER = "/PRE_GM_DEBUGGING_FEATURES_ENABLED__REMOVE_AT_GMC"
 class VirtualDevice:
     """A device with its services running, from entering the context to leaving it.
 
-    `build` is the build directory of the programs. `files` puts further files into the root or replaces
-    programs (see `Template`), `launcher` is what starts the daemon inside, e.g. an emulator.
+    `build` is the build directory of the daemon. `files` puts further files into the root or replaces
+    programs (see `Template`).
     The keys "prod" and "dev" are installed, and the address of the metadata document is configured.
     """
 
     _guardian: Guardian | None = None
 
-    def __init__(self, build: str | Path, files: Mapping[str, Path] | None = None,
-                 launcher: Sequence[str] = ()):
+    def __init__(self, build: str | Path, files: Mapping[str, Path] | None = None):
         build = Path(build).resolve()
         self._template = Template(build, files or {})
-        self._launcher = tuple(launcher)
+        self._launcher = architecture(build / "zeloinstall").launcher
         self._numbers = itertools.count(1)
         self.keys = Keys(build / "device" / "keys")
 
@@ -117,15 +120,32 @@ class VirtualDevice:
         self.server.answer(DOCUMENT, Content(bundle.document))
         self.server.answer(ARCHIVE, Content(bundle.archive))
 
-    def start(self, *, prefix: Sequence[str] = (), mounts: Sequence[str] = (),
-              env: Mapping[str, str] | None = None, program: str = "/usr/sbin/zeloinstall", **popen) -> Run:
+    def admit(self, user: int) -> None:
+        """Lets another user start the daemon."""
+        self._base.chmod(0o711)
+        for directory in ("/run", "/var/run"):
+            os.chown(self.path(directory), user, user)
+
+    def lock_holder(self) -> int | None:
+        """The process that holds the lock of the daemon's single instance."""
+        try:
+            with open(self.path("/var/run/zeloinstall.pid"), "rb+") as file:
+                wanted = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
+                kind, _, _, _, pid = struct.unpack("hhqqi", fcntl.fcntl(file, fcntl.F_GETLK, wanted))
+        except FileNotFoundError:
+            return None
+        return None if kind == fcntl.F_UNLCK else pid
+
+    def start(self, *, prefix: Sequence[str] = (), mounts: Sequence[str] = (), last: Sequence[str] = (),
+              user: int = 0, env: Mapping[str, str] | None = None, program: str = DAEMON, **popen) -> Run:
         """Starts the daemon, with an empty environment unless told otherwise.
 
-        `prefix` starts it from outside the root, e.g. setarch; `mounts` are steps of `entering`; further
-        arguments go to `subprocess.Popen`, e.g. `preexec_fn` and `restore_signals=False`.
+        `prefix` starts it from outside the root, e.g. setarch; `mounts` are steps of `entering`; for `last`
+        and `user` see `enter`, for what another user needs `admit`. Further arguments go to
+        `subprocess.Popen`, e.g. `preexec_fn` and `restore_signals=False`.
         """
         output = self._base / f"output.{next(self._numbers)}"
-        command = [*prefix, *enter(str(self.root), mounts), *self._launcher, program]
+        command = [*prefix, *enter(str(self.root), mounts, last, user), *self._launcher, program]
         with open(output, "wb") as sink:
             streams = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink}
             process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **{**streams, **popen})

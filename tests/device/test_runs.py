@@ -1,10 +1,7 @@
 """Whole runs of the daemon: what changes on the device, what the log, the status and the UI shell say."""
 
 import base64
-import io
 import json
-import re
-import tarfile
 import time
 from collections.abc import Callable
 from dataclasses import dataclass, field
@@ -16,29 +13,10 @@ from device.demo import RETRIES, SCENARIOS, TEMPLATE, TIMEOUT, faults, staged
 from device.https_server import Content, Drop, Redirect, Stall, Status
 from device.virtual_device import ARCHIVE, DOCUMENT, MARKER, VirtualDevice
 
-STAGES = [f"I def:zeloinstall:main:{stage}" for stage in (
-    "Downloading metadata", "Downloading bundle", "Validating bundle", "Extracting bundle",
-    "Running installer")]
-END = "I def:zeloinstall:signum=0:We're going down..."
-METADATA_FAILED = "W def:zeloinstall:ZeloInstallerBundleMetadata:metadata download failed due to "
-BUNDLE_FAILED = "W def:zeloinstall:ZeloInstallerBundleMetadata:bundle download failed due to "
-DEV_REFUSED = "E def:zeloinstall:zeloinstallerbundle:validation failed against dev key due to "
-NO_COMMAND = "failed to execute command"
-LOST = "download failed"
-REFUSED = "http/loopback address not allowed"
-
-
-def reported(message: str, code: str) -> str:
-    return f"E def:zeloinstall:zeloutils:zelo exception: {message}. code={code}"
-
-
-def lines_of(device: VirtualDevice) -> list[str]:
-    """The log without what the transfers and the bus say for themselves."""
-    return [line for line in device.log_lines() if not re.match("[IW] TransferWrapper:|kbus: ", line)]
-
-
-def ended(reason: str) -> str:
-    return f"E def:zeloinstall:main:ending with status 1: {reason}"
+from changes import (ANOTHER, AUTHORITIES, BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND,
+                     PROD, REFUSED, SEND_EVENT, SET_PROP, STAGES, answer, archive, both, bundle_address,
+                     defaulted, directory, document, ended, key_file, lines_of, other_authority, reported,
+                     script, setting, tool)
 
 
 @pytest.mark.parametrize("scenario", SCENARIOS, ids=lambda scenario: scenario.title)
@@ -68,62 +46,9 @@ def untold(name: str, change, shown: list[str]) -> Row:
     return Row(name, both(setting(TEMPLATE, "https://bundles.zelo.example:1/%s/%s"), change), lines, shown, 1)
 
 
-def answer(path: str, *answers):
-    return lambda d: d.server.answer(path, *answers)
-
-
-def document(**members: str):
-    return answer(DOCUMENT, Content(json.dumps(members).encode()))
-
-
-def bundle_address(url: str):
-    return lambda d: d.publish(d.make_bundle().with_url(url))
-
-
-def script(text: str):
-    return lambda d: d.publish(d.make_bundle(script=text))
-
-
-def tool(path: str, text: str | None):
-    """Replaces a program by a script, or removes it."""
-    return lambda d: d.path(path).unlink() if text is None else d.write(path, f"#!/bin/sh\n{text}\n", 0o755)
-
-
-def key_file(path: str, name: str | None):
-    return lambda d: d.path(path).unlink() if name is None else d.install_key(path, name)
-
-
-def archive(*members: tuple[str, int, bytes]):
-    """A signed archive of members (name, mode, content)."""
-    def change(d: VirtualDevice) -> None:
-        packed = io.BytesIO()
-        with tarfile.open(mode="w:gz", fileobj=packed) as tar:
-            for name, mode, content in members:
-                member = tarfile.TarInfo(name)
-                member.mode, member.size = mode, len(content)
-                tar.addfile(member, io.BytesIO(content))
-        d.publish(d.sign(packed.getvalue()))
-    return change
-
-
-def both(*changes):
-    return lambda d: [change(d) for change in changes]
-
-
-def setting(key: str, value: str | None):
-    return lambda d: d.set_pref(key, value)
-
-
-def other_authority(d: VirtualDevice) -> None:
-    d.write("/etc/ssl/certs/ca-certificates.crt", d.keys.server("other.example")[0])
-
-
 def truncated_archive(d: VirtualDevice) -> None:
     d.publish(d.sign(d.make_bundle(files={"data": bytes(range(256)) * 9}).archive[:-40]))
 
-
-PROD = "/etc/zelo/pubkeyprod.pem"
-SET_PROP, SEND_EVENT = "/usr/bin/kbus-set-prop", "/usr/bin/kbus-send-event"
 
 ROWS = [
     Row("no bus", lambda d: d.path("/run/kbus.sock").unlink(), [ended("Failed to initialize kbus handle")],
@@ -132,6 +57,8 @@ ROWS = [
         status=1),
     *[Row(f"{key} {value}", setting(key, value), [STAGES[0], ended("stoi")], status=1)
       for key, value in ((RETRIES, "many"), (TIMEOUT, "99999999999"))],
+
+    Row("longest time limit", setting(TIMEOUT, "2147483647"), [*STAGES, END]),
 
     failing("no template", setting(TEMPLATE, None), 1, "key does not exist", "99"),
     failing("template with %d", setting(TEMPLATE, "https://bundles.zelo.example/%d"), 1,
@@ -186,6 +113,20 @@ ROWS = [
     untold("event tool fails", tool(SEND_EVENT, "exit 1"), ["load = zelo"]),
     Row("property tool ended by a signal", both(tool(SET_PROP, "kill -9 $$"), setting(TEMPLATE, None)),
         [STAGES[0], reported("key does not exist", "99"), END], ["showError 99"]),
+
+    *[Row(f"{key} a directory", directory(f"/var/lib/prefbox/{key}"), [
+        STAGES[0], defaulted(key), STAGES[1], defaulted(key), *STAGES[2:], END]) for key in (RETRIES, TIMEOUT)],
+    *[failing(f"{path} a directory", directory(path), *failure) for path, failure in {
+        f"/var/lib/prefbox/{TEMPLATE}": (1, "key does not exist", "99"),
+        "/etc/device-info": (1, "could not get software version", "99"),
+        "/etc/hosts": (1, LOST, "02", METADATA_FAILED + LOST),
+        AUTHORITIES: (1, LOST, "02", METADATA_FAILED + LOST),
+        PROD: (3, NO_COMMAND, "00"), "/bin/base64": (3, NO_COMMAND, "00"),
+        "/usr/bin/openssl": (3, NO_COMMAND, "00"), "/bin/tar": (4, NO_COMMAND, "01")}.items()],
+    failing("run.sh a directory", archive(("run.sh/x", 0o755, b"")), 5, NO_COMMAND, "03"),
+    Row("pid file a directory", directory("/var/run/zeloinstall.pid"), [
+        "singleton: unable to open /var/run/zeloinstall.pid: Is a directory", ANOTHER,
+        ended("one more instance of zeloinstall is running.")], status=1),
 ]
 
 
@@ -208,8 +149,7 @@ def test_defaults_pauses_and_redirects(device: VirtualDevice) -> None:
     start = time.monotonic()
     assert device.start().wait() == 0
     assert 6 <= time.monotonic() - start < 12  # pauses of 1, 2 and 3 seconds, and no time limit
-    defaults = [f"W def:zeloinstall:zeloutils:{key} key does not exist in prefbox"
-                for key in (RETRIES, TIMEOUT)]
+    defaults = [defaulted(RETRIES), defaulted(TIMEOUT)]
     assert lines_of(device) == [STAGES[0], *defaults, STAGES[1], *defaults, *[BUNDLE_FAILED + LOST] * 3,
                                 *STAGES[2:], END]
 
@@ -236,22 +176,3 @@ def test_what_a_good_run_asks_and_leaves(device: VirtualDevice) -> None:
     assert (work / "zelo_installer.tar.gz.sig.sha256").read_bytes() == base64.b64decode(signature)
     heads = {(line.ident, line.pid, line.priority) for line in device.syslog.lines()}
     assert heads == {("zeloinstall", run.pid, 133)}
-
-
-def test_what_the_script_sees(device: VirtualDevice) -> None:
-    device.publish(device.make_bundle(script="#!/usr/bin/zelo-probe\n"))
-    assert device.start(env={"PATH": "/bin", "SECRET": "x"}).wait() == 0
-    [work] = device.work_directories()
-    assert json.loads(device.path("/tmp/probe.out").read_text()) == {
-        "argv": ["/usr/bin/zelo-probe", f"/tmp/{work.name}/run.sh"], "environ": [], "cwd": "/",
-        "descriptors": [0, 1, 2], "blocked": [], "ignored": []}
-
-
-def test_one_at_a_time_and_free_afterwards(device: VirtualDevice) -> None:
-    scenario = next(scenario for scenario in SCENARIOS if scenario.title == "second start")
-    scenario.prepare(device)
-    first, second = scenario.play(device)
-    assert (first.status, second.status) == (0, 1)
-    assert not set(second.log_lines()) & {*STAGES, END}
-    device.publish(device.make_bundle())
-    assert device.start().wait() == 0

@@ -1,5 +1,7 @@
 #include "platform/host/transfer.h"
 
+#include <malloc.h>
+
 #include <csignal>
 #include <system_error>
 #include <utility>
@@ -8,6 +10,9 @@ namespace xfr {
 namespace {
 
 constexpr int transferring = 4;
+
+// What stays at the end of the heap, for whoever cannot do without a few bytes.
+constexpr size_t keptRoom = 1 << 20;
 
 struct Status final : TransferStatus {
   Status(int idValue, int stateValue, int errorCodeValue)
@@ -45,10 +50,12 @@ class BlockSignals {
 
 HttpTransfer::HttpTransfer(std::shared_ptr<const CurlLibrary> library, int id, const std::string& address,
                            const std::string& destination, TransferListener& listener)
-    : id_(id), listener_(listener), download_(std::move(library), address, destination) {}
+    : id_(id), listener_(listener), download_(std::in_place, std::move(library), address, destination) {}
 
 HttpTransfer::~HttpTransfer() {
   finish();
+  download_.reset();
+  (void)malloc_trim(keptRoom);  // the process may run a script for hours from here on
 }
 
 bool HttpTransfer::start() {
@@ -63,13 +70,13 @@ bool HttpTransfer::start() {
 
 void HttpTransfer::finish() {
   finishing_ = true;
-  download_.cancel();
+  download_->cancel();
   if (thread_.joinable()) thread_.join();
 }
 
 void HttpTransfer::run() {
   report(transferring, 0);
-  const int result = download_.run();
+  const int result = download_->run();
   report(result == HttpDownload::succeeded ? downloadCompleted : transferFailed, result);
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -33,7 +34,7 @@ class HttpTransfer final : public Transfer {
 
   const int id_;
   TransferListener& listener_;
-  HttpDownload download_;
+  std::optional<HttpDownload> download_;
   std::atomic<bool> finishing_{false};
   std::thread thread_;
 };

@@ -75,6 +75,7 @@ Answer = Content | Status | Redirect | Stall | Drop
 
 class Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+    disable_nagle_algorithm = True  # else a body waits 40 ms for the client to confirm its head
     server: "Server"
 
     def setup(self) -> None:

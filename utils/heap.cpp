@@ -16,8 +16,10 @@ constexpr std::size_t growingSize = 120 << 10;
 }  // namespace
 
 void reserveHeap() {
+  // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread yet
   (void)mallopt(M_ARENA_MAX, 1);
   (void)mallopt(M_TOP_PAD, room);
+  // NOLINTEND(concurrency-mt-unsafe)
   void* volatile growing = std::malloc(growingSize);  // volatile: or the compiler leaves it out
   if (growing == nullptr) throw std::bad_alloc();
   std::free(growing);

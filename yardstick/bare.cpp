@@ -25,7 +25,7 @@ void run(const char* output, Arguments... arguments) {
     _exit(EXIT_FAILURE);
   }
   int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) < 0 || status != 0) std::exit(EXIT_FAILURE);
+  if (pid < 0 || waitpid(pid, &status, 0) < 0 || status != 0) _exit(EXIT_FAILURE);
 }
 
 }  // namespace

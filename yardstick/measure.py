@@ -1,6 +1,7 @@
 """Compares the daemon with the bare tools and with a script that does the same by hand.
 
 Every round runs all three in turn on the virtual device, so that what slows the machine down slows them all.
+Rounds of their own look at the daemon's memory and processor time.
 """
 
 import argparse
@@ -10,6 +11,7 @@ import shutil
 import statistics
 import subprocess
 import time
+from collections.abc import Iterable
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -19,14 +21,20 @@ from device.virtual_device import DOCUMENT, VirtualDevice
 
 MB = 1_000_000
 SIZES = (0, 1, 64, 256)
+LARGE = 64  # from here on a download takes long enough to compare it
+USAGE_ROUNDS = 3
+SAMPLE_SECONDS = 0.01
+PATIENCE = 3600  # a slow machine is no error
 GATE = "/tmp/gate"
 BY_HAND = "/usr/bin/by-hand"
 BARE = "/usr/bin/bench-bare"
-WAITING_SCRIPT = f"#!/bin/sh\nread -r line < {GATE}\n"
+# Waits where there is a gate to wait at, so that the same bundle serves both kinds of rounds.
+SCRIPT = f"#!/bin/sh\n[ ! -p {GATE} ] || read -r line < {GATE}\n"
 
 
 @dataclass
 class Timings:
+    """Of one round, in milliseconds."""
     bare: float
     daemon: float
     by_hand: float
@@ -35,16 +43,61 @@ class Timings:
 
 @dataclass
 class Usage:
-    peak: float  # MiB
-    anonymous: float  # MiB
-    own: float  # processor time of the daemon's threads, ms
-    platform: float  # that of the stand-in's threads, ms
+    """Of one run: memory in MiB, processor time in milliseconds."""
+    peak: float  # VmHWM
+    anonymous: float  # RssAnon while the script runs
+    anonymous_peak: float  # the highest that was seen
+    own: float  # of the main and the shutdown threads; the main thread's includes the start by chroot
+    platform: float  # of the stand-in's threads: transfers and bus
 
 
-def spent(command: list[str], device: VirtualDevice) -> float:
+def milliseconds_since(begin: float) -> float:
+    return 1000 * (time.perf_counter() - begin)
+
+
+def tools(device: VirtualDevice, *command: str) -> float:
     begin = time.perf_counter()
-    device.command(command)
-    return time.perf_counter() - begin
+    # Without a time limit: waiting with one polls, in steps of up to 50 ms.
+    status = device.popen(command, stdout=subprocess.DEVNULL).wait()
+    elapsed = milliseconds_since(begin)
+    if status != 0:
+        raise SystemExit(f"bench: {command[0]} ended with status {status}")
+    return elapsed
+
+
+def expect_success(run: Run) -> None:
+    status = run.wait(None)
+    if status != 0 or "Running installer" not in run.log_lines()[-2]:
+        raise SystemExit("\n".join([f"bench: the daemon failed, status {status}", *run.log_lines()]))
+
+
+def daemon(device: VirtualDevice) -> tuple[float, float]:
+    """From the start to the end, and to the first log line."""
+    begin = time.perf_counter()
+    run = device.start()
+    run.wait_for_line("Downloading metadata", PATIENCE)
+    first_line = milliseconds_since(begin)
+    run.wait(None)
+    elapsed = milliseconds_since(begin)
+    expect_success(run)
+    forget_runs(device)
+    return elapsed, first_line
+
+
+def by_hand(device: VirtualDevice) -> float:
+    fresh(device, "by-hand")
+    elapsed = tools(device, BY_HAND, device.url(DOCUMENT))
+    shutil.rmtree(device.path("/tmp/by-hand"))
+    return elapsed
+
+
+def bare(device: VirtualDevice, bundle: Bundle) -> float:
+    directory = fresh(device, "bare")
+    (directory / "zelo_installer.tar.gz").write_bytes(bundle.archive)
+    (directory / "signature").write_text(json.loads(bundle.document)["signature"])
+    elapsed = tools(device, BARE)
+    shutil.rmtree(directory)
+    return elapsed
 
 
 def fresh(device: VirtualDevice, name: str) -> Path:
@@ -59,92 +112,121 @@ def forget_runs(device: VirtualDevice) -> None:
         shutil.rmtree(directory)
 
 
-def timing_round(device: VirtualDevice, bundle: Bundle) -> Timings:
-    bare = fresh(device, "bare")
-    (bare / "zelo_installer.tar.gz").write_bytes(bundle.archive)
-    (bare / "signature").write_text(json.loads(bundle.document)["signature"])
-    bare_time = spent([BARE], device)
-
-    begin = time.perf_counter()
-    run = device.start()
-    run.wait_for_line("Downloading metadata")
-    first_line = time.perf_counter() - begin
-    assert run.wait() == 0 and "Running installer" in run.log_lines()[-2]
-    daemon_time = time.perf_counter() - begin
-    forget_runs(device)
-
-    fresh(device, "by-hand")
-    return Timings(bare_time, daemon_time, spent([BY_HAND, device.url(DOCUMENT)], device), first_line)
+def timing_round(device: VirtualDevice, bundle: Bundle, script_first: bool) -> Timings:
+    bare_time = bare(device, bundle)
+    # What goes first finds more room in the file system's caches.
+    by_hand_time = by_hand(device) if script_first else 0
+    daemon_time, first_line = daemon(device)
+    if not script_first:
+        by_hand_time = by_hand(device)
+    return Timings(bare_time, daemon_time, by_hand_time, first_line)
 
 
-def usage_at_the_gate(run: Run) -> Usage:
-    status = dict(line.split(":", 1) for line in Path(f"/proc/{run.pid}/status").read_text().splitlines())
+def memory(run: Run) -> dict[str, float]:
+    """The process's own figures in MiB; those of its children are not in them."""
+    lines = Path(f"/proc/{run.pid}/status").read_text().splitlines()
+    fields = (line.split() for line in lines if line.endswith(" kB"))
+    return {name.rstrip(":"): int(size) / 1024 for name, size, _ in fields}
+
+
+def processor_time(run: Run) -> tuple[float, float]:
+    """Until now: of the daemon's own threads, and of the stand-in's."""
     own = 0.0
     for task in Path(f"/proc/{run.pid}/task").iterdir():
-        if (task / "comm").read_text() == "zeloinstall\n":
+        if (task / "comm").read_text() == "zeloinstall\n":  # GLib names the threads of the bus
             own += int((task / "schedstat").read_text().split()[0]) / 1e6
-    # The kernel's number for the clock of a process, which counts threads that have ended too.
+    # The kernel's number for the clock of a process, which counts threads that have ended too, those of the
+    # transfers among them.
     everything = time.clock_gettime((~run.pid << 3) | 2) * 1000
-    return Usage(int(status["VmHWM"].split()[0]) / 1024, int(status["RssAnon"].split()[0]) / 1024, own,
-                 everything - own)
+    return own, everything - own
+
+
+def open_for_reader(gate: Path) -> int | None:
+    try:
+        return os.open(gate, os.O_WRONLY | os.O_NONBLOCK)
+    except OSError:  # nobody reads yet
+        return None
 
 
 def usage_round(device: VirtualDevice) -> Usage:
     gate = device.path(GATE)
-    gate.unlink(missing_ok=True)
     os.mkfifo(gate)
     run = device.start()
-    run.wait_for_line("Running installer")
-    with open(gate, "w") as opened:  # waits until the script has opened its end
-        usage = usage_at_the_gate(run)
-        opened.write("go\n")
-    assert run.wait() == 0
+    anonymous_peak = 0.0
+    while (opened := open_for_reader(gate)) is None:
+        if run.status is not None:
+            expect_success(run)
+        anonymous_peak = max(anonymous_peak, memory(run).get("RssAnon", 0))
+        time.sleep(SAMPLE_SECONDS)
+    now = memory(run)
+    usage = Usage(now["VmHWM"], now["RssAnon"], max(anonymous_peak, now["RssAnon"]), *processor_time(run))
+    os.write(opened, b"go on\n")
+    os.close(opened)
+    expect_success(run)
+    gate.unlink()
     forget_runs(device)
     return usage
 
 
-def verdict(value: float, limit: float) -> str:
-    return f"{value:.2f} (target {limit:g}: {'met' if value <= limit else 'missed'})"
+def verdict(value: float, unit: str, limit: float) -> str:
+    return f"{value:8.2f}{unit} (target {limit:g}{unit}: {'met' if value <= limit else 'missed'})"
 
 
-def measure(device: VirtualDevice, size: int, rounds: int) -> None:
+def middle(rounds: Iterable[object], name: str) -> float:
+    return statistics.median(getattr(one, name) for one in rounds)
+
+
+def show(size: int, timings: list[Timings], usages: list[Usage]) -> None:
+    ratio = statistics.median(t.daemon / t.by_hand for t in timings)
+    added = statistics.median(t.daemon - t.bare for t in timings)
+    print(f"\n== bundle of {size} MB: medians of {len(timings)} rounds, of {len(usages)} for memory and processor")
+    print(f"(a) bare tools      {middle(timings, 'bare'):8.1f} ms")
+    print(f"(b) zeloinstall     {middle(timings, 'daemon'):8.1f} ms")
+    print(f"(c) script by hand  {middle(timings, 'by_hand'):8.1f} ms")
+    print(f"b/c, paired         {verdict(ratio, '', 1.05) if size >= LARGE else f'{ratio:8.2f}'}")
+    print(f"b-a, paired         {added:8.1f} ms")
+    print(f"first log line      {verdict(middle(timings, 'first_line'), ' ms', 25)}")
+    print(f"own processor time  {verdict(middle(usages, 'own'), ' ms', 30)}")
+    print(f"  the stand-in's    {middle(usages, 'platform'):8.2f} ms: threads of transfers and bus")
+    print(f"RssAnon             {verdict(middle(usages, 'anonymous'), ' MiB', 2.5)}")
+    print(f"  highest sample    {middle(usages, 'anonymous_peak'):8.2f} MiB")
+    print(f"VmHWM               {verdict(middle(usages, 'peak'), ' MiB', 17)}", flush=True)
+
+
+def measure(device: VirtualDevice, size: int, rounds: int) -> list[Usage]:
     payload = {"payload": os.urandom(size * MB)} if size else {}
-    bundle = device.make_bundle(script="#!/bin/sh\n", files=payload)
+    bundle = device.make_bundle(script=SCRIPT, files=payload)
     device.publish(bundle)
-    timings = [timing_round(device, bundle) for _ in range(rounds)]
-    device.publish(device.make_bundle(script=WAITING_SCRIPT, files=payload))
-    usages = [usage_round(device) for _ in range(min(rounds, 5))]
+    timings = [timing_round(device, bundle, script_first=number % 2 == 1) for number in range(rounds)]
+    usages = [usage_round(device) for _ in range(USAGE_ROUNDS)]
+    show(size, timings, usages)
+    return usages
 
-    def median(values) -> float:
-        return statistics.median(values)
 
-    print(f"\n== bundle of {size} MB, {rounds} rounds, medians")
-    print(f"(a) bare tools      {1000 * median(t.bare for t in timings):8.1f} ms")
-    print(f"(b) zeloinstall     {1000 * median(t.daemon for t in timings):8.1f} ms")
-    print(f"(c) script by hand  {1000 * median(t.by_hand for t in timings):8.1f} ms")
-    ratio = median(t.daemon / t.by_hand for t in timings)
-    print(f"b/c, paired         {verdict(ratio, 1.05) if size >= 64 else f'{ratio:.2f}'}")
-    print(f"b/a, paired         {median(t.daemon / t.bare for t in timings):.2f}")
-    print(f"first log line      {verdict(1000 * median(t.first_line for t in timings), 25)} ms")
-    print(f"own processor time  {verdict(median(u.own for u in usages), 30)} ms, "
-          f"besides the transfer service's {median(u.platform for u in usages):.2f} ms")
-    print(f"RssAnon             {verdict(median(u.anonymous for u in usages), 2.5)} MiB")
-    print(f"VmHWM               {verdict(median(u.peak for u in usages), 17)} MiB", flush=True)
+def show_growth(usages: dict[int, list[Usage]]) -> None:
+    small, large = (size for size in (1, max(usages)))
+    print(f"\n== from {small} MB to {large} MB")
+    for label, name in (("RssAnon", "anonymous"), ("VmHWM", "peak")):
+        print(f"{label:<8}{middle(usages[large], name) - middle(usages[small], name):+.2f} MiB")
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("build", type=Path)
-    parser.add_argument("--rounds", type=int, default=7)
+    parser = argparse.ArgumentParser(prog="bench", description=__doc__)
+    parser.add_argument("build", type=Path, help="build directory of the daemon")
+    parser.add_argument("--rounds", type=int, default=9, metavar="N",
+                        help="rounds with each small bundle, a third of them with the large ones (default: "
+                        "%(default)s)")
     options = parser.parse_args()
-    here = Path(__file__).parent
+    if options.rounds < 1:
+        parser.error("--rounds: at least 1")
     curl = shutil.which("curl")
     if curl is None:
         raise SystemExit("bench: curl is missing")
-    files = {BARE: options.build / "yardstick" / "bench-bare", "/usr/bin/curl": Path(curl), BY_HAND: here / "by_hand.sh"}
+    files = {BARE: options.build / "yardstick" / "bench-bare", "/usr/bin/curl": Path(curl),
+             BY_HAND: Path(__file__).parent / "by_hand.sh"}
     with VirtualDevice(options.build, files) as device:
-        for size in SIZES:
-            measure(device, size, options.rounds)
+        show_growth({size: measure(device, size, options.rounds if size < LARGE else -(-options.rounds // 3))
+                     for size in SIZES})
 
 
 if __name__ == "__main__":

@@ -142,7 +142,8 @@ def test_storms_at_any_time(device: VirtualDevice, env: dict[str, str]) -> None:
 
 
 @pytest.mark.parametrize("moment", [None, STALLED, RUN_SH], ids=["first line", STALLED.name, RUN_SH.name])
-def test_log_receiver_that_has_stopped_reading(device: VirtualDevice, gate: Gate, moment: Moment | None) -> None:
+def test_log_receiver_that_has_stopped_reading(device: VirtualDevice, gate: Gate, plain_only: None,
+                                               moment: Moment | None) -> None:
     if moment is None:
         device.syslog.fill()
         run = device.start()

@@ -17,6 +17,7 @@ constexpr long connectSeconds = 30;
 constexpr long stalledSeconds = 30;
 constexpr int pollMilliseconds = 1000;
 constexpr mode_t ownerOnly = 0600;
+static_assert(sizeof(off_t) == 8, "a file may be larger than 2 GiB");
 
 curl_socket_t openSocket(void* /*unused*/, curlsocktype /*purpose*/, curl_sockaddr* address) {
   return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);

@@ -19,8 +19,9 @@ ATTACKS = """
 import os, sys
 work = sys.argv[1]
 archive = f"{work}/zelo_installer.tar.gz"
-for attack in (lambda: os.listdir(work), lambda: os.chmod(work, 0o777), lambda: os.rename(work, f"{work}.old"),
-               lambda: open(archive, "ab"), lambda: os.symlink("/", f"{work}/new"), lambda: os.unlink(archive)):
+for attack in (lambda: os.listdir(work), lambda: os.chmod(work, 0o777),
+               lambda: os.rename(work, f"{work}.old"), lambda: open(archive, "ab"),
+               lambda: os.symlink("/", f"{work}/new"), lambda: os.unlink(archive)):
     try:
         attack()
         print("done")
@@ -30,8 +31,8 @@ for attack in (lambda: os.listdir(work), lambda: os.chmod(work, 0o777), lambda: 
 
 
 def attack(work: str) -> list[str]:
-    return subprocess.run([sys.executable, "-c", ATTACKS, work], user=STRANGER, group=STRANGER, extra_groups=[],
-                          cwd="/", text=True, capture_output=True, check=True).stdout.split()
+    return subprocess.run([sys.executable, "-c", ATTACKS, work], user=STRANGER, group=STRANGER, cwd="/",
+                          extra_groups=[], text=True, capture_output=True, check=True).stdout.split()
 
 
 @pytest.mark.skipif(not AS_ROOT, reason="only root can be another user")
@@ -46,7 +47,8 @@ def test_verified_archive_cannot_be_replaced(device: VirtualDevice, gate: Gate) 
     gate.open()
     assert run.wait() == 0 and device.path("/tmp/installed").exists()
     work.chmod(0o777)
-    assert attack(str(work)) == ["done", not_owner, not_owner, no, "done", "done"]  # or the attack proves nothing
+    # Or the attacks prove nothing.
+    assert attack(str(work)) == ["done", not_owner, not_owner, no, "done", "done"]
 
 
 @pytest.mark.parametrize("planted, message, code", [

@@ -114,8 +114,9 @@ ROWS = [
     Row("property tool ended by a signal", both(tool(SET_PROP, "kill -9 $$"), setting(TEMPLATE, None)),
         [STAGES[0], reported("key does not exist", "99"), END], ["showError 99"]),
 
-    *[Row(f"{key} a directory", directory(f"/var/lib/prefbox/{key}"), [
-        STAGES[0], defaulted(key), STAGES[1], defaulted(key), *STAGES[2:], END]) for key in (RETRIES, TIMEOUT)],
+    *[Row(f"{key} a directory", directory(f"/var/lib/prefbox/{key}"),
+          [STAGES[0], defaulted(key), STAGES[1], defaulted(key), *STAGES[2:], END])
+      for key in (RETRIES, TIMEOUT)],
     *[failing(f"{path} a directory", directory(path), *failure) for path, failure in {
         f"/var/lib/prefbox/{TEMPLATE}": (1, "key does not exist", "99"),
         "/etc/device-info": (1, "could not get software version", "99"),

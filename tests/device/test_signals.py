@@ -54,10 +54,12 @@ RUN_SH = Moment("run.sh", 5, "run.sh")
 STALLED = Moment("metadata download", 1, requests=1, change=answer(DOCUMENT, Stall(b"{")))
 PAUSE = Moment("pause", 1, requests=1, change=both(setting(RETRIES, "9"), answer(DOCUMENT, Status(503))))
 PROGRAMS = [
-    Moment("base64", 3, "/bin/base64"), Moment("openssl", 3, "/usr/bin/openssl"), Moment("tar", 4, "/bin/tar"),
-    RUN_SH, Moment("property", 1, SET_PROP, change=setting(TEMPLATE, None), shown=("load = zelo",)),
+    Moment("base64", 3, "/bin/base64"), Moment("openssl", 3, "/usr/bin/openssl"),
+    Moment("tar", 4, "/bin/tar"), RUN_SH,
+    Moment("property", 1, SET_PROP, change=setting(TEMPLATE, None), shown=("load = zelo",)),
     Moment("event", 1, SEND_EVENT, change=setting(TEMPLATE, None), shown=("load = zelo", "showError 99"))]
-MOMENTS = [STALLED, PAUSE, Moment("bundle download", 2, requests=2, change=answer(ARCHIVE, Stall())), *PROGRAMS]
+BUNDLE = Moment("bundle download", 2, requests=2, change=answer(ARCHIVE, Stall()))
+MOMENTS = [STALLED, PAUSE, BUNDLE, *PROGRAMS]
 
 
 @pytest.fixture

@@ -87,11 +87,12 @@ TEST_F(Bundle, FailuresCarryTheStagesCode) {
 
 // Another type of failure than the stage's own, and the script is ended and reaped all the same.
 TEST_F(Bundle, TheScriptsOutputIsLargerThanTheMemory) {
+  if (!memoryCanBeLimited()) GTEST_SKIP() << "a limit on memory has no effect here";
   writeFile(directory + "/run.sh", "#!/bin/sh\nexec /bin/cat /dev/zero\n");
   chmod((directory + "/run.sh").c_str(), 0700);
   EXPECT_EXIT(
       {
-        if (!limitMemory(300)) _exit(0);
+        limitMemory(300);
         try {
           ZeloInstaller(directory).run();
         } catch (const std::bad_alloc&) {

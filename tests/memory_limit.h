@@ -2,16 +2,26 @@
 
 #include <sys/resource.h>
 
-/// Limits the memory of this process; false where that has no effect: under an emulator of another
-/// architecture, or with a sanitizer, which needs more than any limit leaves.
-inline bool limitMemory(rlim_t mebibytes) {
+/// Limits the memory of this process.
+inline void limitMemory(rlim_t mebibytes) {
+  rlimit limit{};
+  getrlimit(RLIMIT_AS, &limit);
+  limit.rlim_cur = mebibytes << 20;
+  setrlimit(RLIMIT_AS, &limit);
+}
+
+/// False under an emulator of another architecture, which takes a limit and does nothing with it, and
+/// with a sanitizer, which needs more than any limit leaves.
+inline bool memoryCanBeLimited() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  (void)mebibytes;
   return false;
 #else
-  const rlimit limit{mebibytes << 20, mebibytes << 20};
+  rlimit before{};
+  getrlimit(RLIMIT_AS, &before);
+  limitMemory(2048);
   rlimit after{};
-  return setrlimit(RLIMIT_AS, &limit) == 0 && getrlimit(RLIMIT_AS, &after) == 0 &&
-         after.rlim_cur == limit.rlim_cur;
+  getrlimit(RLIMIT_AS, &after);
+  setrlimit(RLIMIT_AS, &before);
+  return after.rlim_cur == rlim_t{2048} << 20;
 #endif
 }

@@ -1,4 +1,4 @@
-# How what ships is compiled and linked; tools/check-hardening looks at the result.
+# How what ships is compiled and linked; ci/check-hardening looks at the result.
 
 include(CheckPIESupported)
 check_pie_supported()

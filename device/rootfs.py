@@ -18,10 +18,10 @@ from device.services import Shell
 FROM_HOST = ("/bin/sh", "/bin/tar", "/bin/gzip", "/bin/base64", "/bin/mv", "/usr/bin/openssl")
 DAEMON = "/usr/sbin/zeloinstall"
 FROM_BUILD = {
-    "/usr/bin/kbus-set-prop": "platform/host/kbus-set-prop",
-    "/usr/bin/kbus-send-event": "platform/host/kbus-send-event",
-    "/usr/bin/vestrel": "platform/host/vestrel",
-    Shell.TOOL: "platform/host/kbus-set-prop",
+    "/usr/bin/kbus-set-prop": "standin/kbus-set-prop",
+    "/usr/bin/kbus-send-event": "standin/kbus-send-event",
+    "/usr/bin/vestrel": "standin/vestrel",
+    Shell.TOOL: "standin/kbus-set-prop",
 }
 DIRECTORIES = ("dev", "etc/zelo", "etc/ssl/certs", "proc", "run", "tmp", "usr/bin", "usr/lib", "usr/lib64",
                "usr/sbin", "var/lib/prefbox", "var/run")

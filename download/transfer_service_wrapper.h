@@ -27,7 +27,7 @@ class TransferServiceWrapper {
   };
 
   std::unique_ptr<KbusHandleStruct, CloseBus> bus;
-  std::unique_ptr<xfr::TransferServiceImpl> service;  // behind the bus: deleted before it is closed
+  std::unique_ptr<xfr::TransferServiceImpl> service;  // after the bus: deleted before it is closed
 };
 
 /// The client that every download uses; callable from any thread once `main` runs.

@@ -10,7 +10,7 @@
 #include "platform/ctrap.h"
 #include "platform/qorvex_daemon.h"
 #include "utils/inherited_state.h"
-#include "utils/program_gate.h"
+#include "utils/termination.h"
 
 namespace {
 

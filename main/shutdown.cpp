@@ -10,7 +10,7 @@
 
 #include "main/single_instance.h"
 #include "utils/log.h"
-#include "utils/program_gate.h"
+#include "utils/termination.h"
 
 namespace {
 

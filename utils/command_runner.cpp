@@ -12,7 +12,7 @@
 
 #include "utils/file_descriptor.h"
 #include "utils/inherited_state.h"
-#include "utils/program_gate.h"
+#include "utils/termination.h"
 
 namespace zelo {
 namespace {

@@ -5,11 +5,11 @@
 
 namespace zelo {
 
-struct FreeText {
+struct FreeDeleter {
   void operator()(char* text) const noexcept { std::free(text); }
 };
 
 /// A text that a library allocated for its caller, who releases it with `free`.
-using PlatformText = std::unique_ptr<char, FreeText>;
+using PlatformText = std::unique_ptr<char, FreeDeleter>;
 
 }  // namespace zelo

@@ -6,7 +6,7 @@ import re
 import tarfile
 
 from device.https_server import Content
-from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
+from device.virtual_device import DOCUMENT, VirtualDevice
 
 STAGES = [f"I def:zeloinstall:main:{stage}" for stage in (
     "Downloading metadata", "Downloading bundle", "Validating bundle", "Extracting bundle",

@@ -1,26 +1,16 @@
-"""Devices for the tests; the build directory comes from ZELO_BUILD_DIR."""
+"""Devices for the tests."""
 
-import os
-import sys
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from device.architecture import architecture, native_build  # noqa: E402
-from device.demo import RETRIES, TIMEOUT  # noqa: E402
-from device.gate import Gate  # noqa: E402
-from device.virtual_device import VirtualDevice  # noqa: E402
+from device.architecture import architecture, native_build
+from device.demo import RETRIES, TIMEOUT
+from device.gate import Gate
+from device.virtual_device import VirtualDevice
 
 RELEASE_LOG = "/usr/lib/release-log.so"
-
-
-@pytest.fixture(scope="session")
-def build() -> Path:
-    return Path(os.environ.get("ZELO_BUILD_DIR", ROOT / "build" / "release"))
 
 
 @pytest.fixture(scope="session")

@@ -80,6 +80,6 @@ def take_turns(library: str, directory: Path, turns: int) -> bool:
 @pytest.mark.usefixtures("plain_only")
 def test_lock_never_goes_to_two(build: Path, tmp_path: Path) -> None:
     """Nor where one process comes as another goes."""
-    library = str(build / "platform" / "host" / "libzelo_platform.so")
+    library = str(build / "standin" / "libzelo_platform.so")
     with Pool(4) as pool:
         assert pool.starmap(take_turns, [(library, tmp_path, 1000)] * 4) == [True] * 4

@@ -12,10 +12,10 @@
 #include "main/uncaught.h"
 #include "main/zelo_exception.h"
 #include "platform/qorvex_daemon.h"
-#include "tests/expect_failure.h"
-#include "tests/fake_platform.h"
+#include "tests/unit/expect_failure.h"
+#include "tests/unit/fake_platform.h"
 #include "utils/command_runner.h"
-#include "utils/program_gate.h"
+#include "utils/termination.h"
 
 using zelo::ZeloException;
 

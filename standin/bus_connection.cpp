@@ -1,4 +1,4 @@
-#include "platform/host/bus_connection.h"
+#include "standin/bus_connection.h"
 
 #include <unistd.h>
 

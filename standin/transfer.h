@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/host/http_download.h"
+#include "standin/http_download.h"
 #include "platform/xfr.h"
 
 namespace xfr {

@@ -1,7 +1,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "platform/host/bus_connection.h"
+#include "standin/bus_connection.h"
 
 namespace {
 

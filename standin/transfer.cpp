@@ -1,4 +1,4 @@
-#include "platform/host/transfer.h"
+#include "standin/transfer.h"
 
 #include <malloc.h>
 

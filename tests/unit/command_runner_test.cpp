@@ -10,11 +10,11 @@
 #include <chrono>
 #include <csignal>
 
-#include "tests/expect_failure.h"
+#include "tests/unit/expect_failure.h"
 #include "utils/command_runner.h"
 #include "utils/file_descriptor.h"
 #include "utils/inherited_state.h"
-#include "utils/program_gate.h"
+#include "utils/termination.h"
 
 using zelo::runCommand;
 

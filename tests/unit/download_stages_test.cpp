@@ -4,8 +4,8 @@
 #include "download/bundle_metadata.h"
 #include "download/work_directory.h"
 #include "main/zelo_exception.h"
-#include "tests/expect_failure.h"
-#include "tests/fake_platform.h"
+#include "tests/unit/expect_failure.h"
+#include "tests/unit/fake_platform.h"
 #include "utils/files.h"
 
 using namespace zelo;

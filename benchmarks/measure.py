@@ -233,7 +233,7 @@ def main() -> None:
     curl = shutil.which("curl")
     if curl is None:
         raise SystemExit("bench: curl is missing")
-    files = {BARE: options.build / "yardstick" / "bench-bare", "/usr/bin/curl": Path(curl),
+    files = {BARE: options.build / "benchmarks" / "bench-bare", "/usr/bin/curl": Path(curl),
              BY_HAND: Path(__file__).parent / "by_hand.sh"}
     with VirtualDevice(options.build, files) as device:
         show_growth({size: measure(device, size, options.rounds if size < LARGE else -(-options.rounds // 3))

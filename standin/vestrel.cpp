@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/host/bus_connection.h"
+#include "standin/bus_connection.h"
 
 // A tiny UI shell: prints what a real one would show.
 namespace {

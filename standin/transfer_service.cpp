@@ -1,7 +1,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/host/transfer.h"
+#include "standin/transfer.h"
 #include "platform/xfr.h"
 
 namespace xfr {

@@ -1,4 +1,4 @@
-#include "tests/fake_platform.h"
+#include "tests/unit/fake_platform.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>

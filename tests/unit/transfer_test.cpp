@@ -9,8 +9,8 @@
 #include "download/transfer_service_wrapper.h"
 #include "download/transfer_wrapper.h"
 #include "platform/qorvex_daemon.h"
-#include "tests/expect_failure.h"
-#include "tests/fake_platform.h"
+#include "tests/unit/expect_failure.h"
+#include "tests/unit/fake_platform.h"
 
 using fake::Request;
 using std::chrono::steady_clock;

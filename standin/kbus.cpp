@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "platform/host/bus_connection.h"
+#include "standin/bus_connection.h"
 
 namespace {
 

@@ -4,18 +4,15 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 from pathlib import Path
 
 import pytest
 
+from device.virtual_device import VirtualDevice
+
 ROOT = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(ROOT))
-
-from device.virtual_device import VirtualDevice  # noqa: E402
-
 BUILD = Path(os.environ.get("ZELO_BUILD_DIR", ROOT / "build" / "release"))
-PLATFORM = BUILD / "platform" / "host" / "libzelo_platform.so"
+PLATFORM = BUILD / "standin" / "libzelo_platform.so"
 ALWAYS = {"sbin/zeloinstall", "lib/systemd/system/zeloinstall.service", "share/man/man8/zeloinstall.8",
           "share/doc/zeloinstall/README.md"}
 

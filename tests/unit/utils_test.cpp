@@ -5,9 +5,9 @@
 #include <limits>
 
 #include "platform/qorvex_daemon.h"
-#include "tests/expect_failure.h"
-#include "tests/fake_platform.h"
-#include "tests/memory_limit.h"
+#include "tests/unit/expect_failure.h"
+#include "tests/unit/fake_platform.h"
+#include "tests/unit/memory_limit.h"
 #include "utils/device.h"
 #include "utils/files.h"
 #include "utils/json_wrapper.h"

@@ -1,4 +1,4 @@
-#include "platform/host/http_download.h"
+#include "standin/http_download.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

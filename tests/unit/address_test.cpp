@@ -2,7 +2,7 @@
 
 #include "download/address_policy.h"
 #include "download/address_template.h"
-#include "tests/expect_failure.h"
+#include "tests/unit/expect_failure.h"
 
 namespace {
 

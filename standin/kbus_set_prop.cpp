@@ -1,6 +1,6 @@
 #include <cstdio>
 
-#include "platform/host/bus_connection.h"
+#include "standin/bus_connection.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "utils/program_gate.h"
+#include "utils/termination.h"
 
 #include <unistd.h>
 

@@ -5,19 +5,10 @@
 
 #include "download/transfer_service_wrapper.h"
 #include "utils/log.h"
+#include "utils/mutex_lock.h"
+#include "utils/termination.h"
 
 namespace zelo {
-
-class TransferWrapper::Lock {
- public:
-  explicit Lock(pthread_mutex_t& guarded) : held(guarded) { pthread_mutex_lock(&held); }
-  Lock(const Lock&) = delete;
-  Lock& operator=(const Lock&) = delete;
-  ~Lock() { pthread_mutex_unlock(&held); }
-
- private:
-  pthread_mutex_t& held;
-};
 
 timespec deadlineAfter(timespec now, int seconds) {
   constexpr time_t latest = std::numeric_limits<time_t>::max();
@@ -55,10 +46,13 @@ void TransferWrapper::download(int timeoutSeconds) {
     throw std::runtime_error("initiating download failed");
   }
 
-  waitForEnd(deadline);
-  getTransferService()->finishTransfer(getTransfer(), 0);
+  {
+    const Wait wait(Wait::event);
+    waitForEnd(deadline);
+    getTransferService()->finishTransfer(getTransfer(), 0);
+  }
 
-  const Lock lock(mutex);
+  const MutexLock lock(mutex);
   if (!completed) throw std::runtime_error("download failed");
 }
 
@@ -79,28 +73,30 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
   }
 
   switch (transferStatus->getState()) {
-    case xfr::transferFailed:
+    case xfr::transferFailed: {
       logWarning("W TransferWrapper:onProgress:transferFailed:error_code=%d", transferStatus->getErrorCode());
+      const MutexLock lock(mutex);
       signalEnd();
       return;
-    case xfr::transferDeferred:
+    }
+    case xfr::transferDeferred: {
       logWarning("W TransferWrapper:onProgress:transferDeferred:error_code=%d, deferred_code=%d",
                  transferStatus->getErrorCode(), transferStatus->getDeferredCode());
-      if (transferStatus->getDeferredCode() != xfr::deferredForHighPriorityItems) {
-        signalEnd();
+      if (transferStatus->getDeferredCode() == xfr::deferredForHighPriorityItems) {
+        logInfo(
+            "I TransferWrapper:onProgress:download deferred due to high priority items. continue monitoring "
+            "progress.:");
         return;
       }
-      logInfo(
-          "I TransferWrapper:onProgress:download deferred due to high priority items. continue monitoring "
-          "progress.:");
+      const MutexLock lock(mutex);
+      signalEnd();
       return;
+    }
     case xfr::downloadCompleted: {
       logInfo("I TransferWrapper:onProgress:status=downloadCompleted:");
       const bool isCompleted = transferStatus->getState() == xfr::downloadCompleted;
-      {
-        const Lock lock(mutex);
-        completed = isCompleted;
-      }
+      const MutexLock lock(mutex);
+      completed = isCompleted;
       signalEnd();
       return;
     }
@@ -110,27 +106,24 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
 }
 
 void TransferWrapper::setTransfer(xfr::Transfer* handle) {
-  std::unique_ptr<xfr::Transfer> superseded;  // destroyed behind the lock
-  const Lock lock(mutex);
-  if (transfer.get() == handle) return;
-  superseded = std::move(transfer);
+  const MutexLock lock(mutex);
+  (void)transfer.release();  // the library's, which has announced another one or taken it back
   transfer.reset(handle);
 }
 
 xfr::Transfer* TransferWrapper::getTransfer() {
-  const Lock lock(mutex);
+  const MutexLock lock(mutex);
   return transfer.get();
 }
 
 // An end that was reported before the wait began counts as well.
 void TransferWrapper::waitForEnd(const timespec& deadline) {
-  const Lock lock(mutex);
+  const MutexLock lock(mutex);
   int result = 0;
   while (!ended && result == 0) result = pthread_cond_timedwait(&condition, &mutex, &deadline);
 }
 
 void TransferWrapper::signalEnd() {
-  const Lock lock(mutex);
   ended = true;
   pthread_cond_signal(&condition);
 }

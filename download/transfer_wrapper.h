@@ -16,6 +16,8 @@ inline constexpr const char* REQUEST_METHOD = "GET";
 /// One blocking download of one address into one file; hears the transfer service's reports about it.
 class TransferWrapper : public xfr::TransferListener {
  public:
+  /// `source` is downloaded into the file `destination`, an absolute path; `passThroughText` goes to the
+  /// transfer service unchanged. Copies the texts; nothing else happens yet.
   TransferWrapper(const std::string& source, const std::string& requestMethod,
                   const std::string& passThroughText, const std::string& destination);
   TransferWrapper(const TransferWrapper&) = delete;
@@ -27,19 +29,22 @@ class TransferWrapper : public xfr::TransferListener {
   /// At most one call for each object. Whatever has been written to the destination stays there.
   void download(int timeoutSeconds);
 
+  /// Hears one report; called on the transfer library's own thread. Reports without a status, before the
+  /// handle is known, or with another id than the handle's are logged and ignored.
   void onProgress(xfr::TransferStatus* transferStatus) override;
 
-  /// Takes the handle over.
+  /// Stores the handle, which belongs to this object while it is stored; null takes it back. What it
+  /// replaces belongs to the library again.
   void setTransfer(xfr::Transfer* handle) override;
+
+  /// The stored handle; null before the service's handle is known.
   [[nodiscard]] xfr::Transfer* getTransfer() override;
 
   ~TransferWrapper() override;
 
  private:
-  class Lock;
-
   void waitForEnd(const timespec& deadline);
-  void signalEnd();
+  void signalEnd();  // with the mutex held
 
   const std::string sourceAddress;
   const std::string method;

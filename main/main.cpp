@@ -3,13 +3,13 @@
 #include <csignal>
 #include <cstdint>
 #include <exception>
+#include <initializer_list>
 
 #include "main/pipeline.h"
 #include "main/shutdown.h"
 #include "main/single_instance.h"
 #include "platform/ctrap.h"
 #include "platform/qorvex_daemon.h"
-#include "utils/inherited_state.h"
 #include "utils/termination.h"
 
 namespace {
@@ -24,7 +24,6 @@ void run() {
   startShutdownThreads();
   for (const int signum : {SIGTERM, SIGQUIT, SIGINT, SIGHUP}) (void)signal(signum, shutdownHandler);
   ctrap_register_signal_handlers();
-  zelo::stopIgnoringSignals();  // once more, for what the platform's libraries have ignored since the start
 
   zelo::runPipeline();
   shutdownHandler(0);

@@ -1,5 +1,6 @@
 #include "main/shutdown.h"
 
+#include <pthread.h>
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -14,13 +15,18 @@
 
 namespace {
 
-// How long a log receiver that has stopped reading may keep the process from ending.
-constexpr time_t logPatienceSeconds = 2;
+pid_t g_daemon_pid = 0;
+pthread_t g_main_thread{};
+sem_t g_line_wanted;
+sem_t g_line_written;
+sem_t g_end_wanted;
 
-pid_t daemonPid = 0;
-sem_t lineWanted;
-sem_t lineWritten;
-sem_t endWanted;
+timespec fromNow(time_t seconds) {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  time.tv_sec += seconds;
+  return time;
+}
 
 void waitFor(sem_t& semaphore) {
   while (sem_wait(&semaphore) != 0 && errno == EINTR) {
@@ -28,10 +34,8 @@ void waitFor(sem_t& semaphore) {
 }
 
 void waitForLine() {
-  timespec deadline{};
-  clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += logPatienceSeconds;
-  while (sem_clockwait(&lineWritten, CLOCK_MONOTONIC, &deadline) != 0 && errno == EINTR) {
+  const timespec deadline = fromNow(zelo::logPatienceSeconds);
+  while (sem_clockwait(&g_line_written, CLOCK_MONOTONIC, &deadline) != 0 && errno == EINTR) {
   }
 }
 
@@ -50,18 +54,20 @@ void writeLine(int signum) {
   _exit(128 + signum);  // the first process of a container has no default actions
 }
 
-// A thread of its own, because a log receiver that does not read blocks whoever writes.
+// A thread of its own, because a log receiver that does not read blocks whoever writes. A main thread
+// that acts for longer is stuck in the platform, and the line is written all the same.
 void* lineThread(void* /*unused*/) {
-  waitFor(lineWanted);
+  waitFor(g_line_wanted);
+  zelo::awaitMainThread(fromNow(zelo::logPatienceSeconds / 2));
   writeLine(zelo::terminationSignal());
-  sem_post(&lineWritten);
+  sem_post(&g_line_written);
   return nullptr;
 }
 
 void* endThread(void* /*unused*/) {
-  waitFor(endWanted);
-  zelo::shutProgramGate();
+  waitFor(g_end_wanted);
   waitForLine();
+  zelo::awaitNoProgram();
   releaseSingleInstance();
   endBy(zelo::terminationSignal());
 }
@@ -77,14 +83,16 @@ void startThread(void* (*body)(void*)) {
 }  // namespace
 
 void startShutdownThreads() {
-  daemonPid = getpid();
-  for (sem_t* semaphore : {&lineWanted, &lineWritten, &endWanted}) sem_init(semaphore, 0, 0);
+  g_daemon_pid = getpid();
+  g_main_thread = pthread_self();
+  for (sem_t* semaphore : {&g_line_wanted, &g_line_written, &g_end_wanted}) sem_init(semaphore, 0, 0);
 
-  // The signals are for the main thread; these two start no programs that could inherit the mask.
-  sigset_t all;
+  // Signals are for the main thread, but for those of a fault: blocked, a fault would leave no crash dump.
+  sigset_t most;
   sigset_t previous;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  sigfillset(&most);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGSYS, SIGTRAP, SIGABRT}) sigdelset(&most, fault);
+  pthread_sigmask(SIG_SETMASK, &most, &previous);
   startThread(lineThread);
   startThread(endThread);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
@@ -97,14 +105,17 @@ void shutdownHandler(int signum) {
     releaseSingleInstance();
     return;
   }
-  if (getpid() != daemonPid) {  // a forked child that has not become its program yet
+  if (getpid() != g_daemon_pid) {  // a forked child that has not become its program yet
     (void)signal(signum, SIG_DFL);
     (void)raise(signum);
     return;
   }
-  if (!zelo::noteTerminationSignal(signum)) return;
   const int savedErrno = errno;
-  sem_post(&lineWanted);
-  sem_post(&endWanted);
+  if (pthread_equal(pthread_self(), g_main_thread) == 0) {
+    pthread_kill(g_main_thread, signum);
+  } else if (zelo::noteTerminationSignal(signum)) {
+    sem_post(&g_line_wanted);
+    sem_post(&g_end_wanted);
+  }
   errno = savedErrno;
 }

@@ -2,8 +2,8 @@
 
 /// Starts the threads that end the process once a termination signal has arrived: they write the
 /// "going down" line, wait until no started program is running, release the lock and end the process
-/// by the same signal. To be called before `shutdownHandler` is installed; throws `std::system_error`
-/// when the threads cannot be started.
+/// by the same signal. To be called by the main thread before `shutdownHandler` is installed; throws
+/// `std::system_error` when the threads cannot be started.
 void startShutdownThreads();
 
 /// As the handler of a termination signal: hands the signal over to the shutdown threads

@@ -1,17 +1,22 @@
 #include "utils/command_runner.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include "utils/file_descriptor.h"
-#include "utils/inherited_state.h"
 #include "utils/termination.h"
 
 namespace zelo {
@@ -19,25 +24,67 @@ namespace {
 
 constexpr const char* executionFailed = "failed to execute command";
 
-// What perror would write; perror itself may allocate, which a forked child must not.
-void reportExecveFailure(int error) {
-  const char* reason = strerrordesc_np(error);
-  if (reason == nullptr) reason = "Unknown error";
-  for (const char* text : {"execve: ", reason, "\n"}) {
-    if (write(STDERR_FILENO, text, std::strlen(text)) < 0) return;
+// The call that closes a range, in kernels since 5.9. Its number is the same on every architecture; headers
+// from before lack it.
+constexpr long closeRange = 436;
+
+// What perror would write, by the error's number. Made before a fork: the child must not allocate.
+[[nodiscard]] std::vector<std::string> execveReports() {
+  constexpr int lastError = 133;
+  std::vector<std::string> reports;
+  for (int error = 0; error <= lastError; ++error) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): safe for the numbers that the system has
+    reports.push_back(std::string("execve: ") + std::strerror(error) + "\n");
+  }
+  return reports;
+}
+
+// Ignored, SIGCHLD has the system discard how a program ended.
+void heedChildren() {
+  struct sigaction action {};
+  if (sigaction(SIGCHLD, nullptr, &action) != 0) return;
+  const bool discards = action.sa_handler == SIG_IGN || (action.sa_flags & SA_NOCLDWAIT) != 0;
+  if (discards) (void)signal(SIGCHLD, SIG_DFL);
+}
+
+// For the forked child. Done in the parent it would race with the descriptors of the libraries' threads.
+void closeDescriptorsFrom(int first) {
+  if (syscall(closeRange, first, UINT_MAX, 0) == 0) return;
+
+  const int directory = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (directory < 0) {
+    rlimit limit{};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    for (int fd = first; fd < static_cast<int>(limit.rlim_cur); ++fd) (void)close(fd);
+    return;
+  }
+  alignas(dirent64) char entries[4096];
+  ssize_t size = 0;
+  while ((size = getdents64(directory, entries, sizeof entries)) > 0) {
+    for (ssize_t at = 0; at < size;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(entries + at);
+      int fd = -1;
+      (void)std::from_chars(entry->d_name, entry->d_name + std::strlen(entry->d_name), fd);
+      if (fd >= first && fd != directory) (void)close(fd);
+      at += entry->d_reclen;
+    }
   }
 }
 
-// Runs in the forked child: async-signal-safe calls only. The pipe's own descriptors are
-// close-on-exec; the one duplicated onto standard output is not.
-[[noreturn]] void becomeProgram(char* const arguments[], int output) {
-  if (terminationSignal() != 0) _exit(EXIT_FAILURE);  // arrived between the gate and the fork
+// Runs in the forked child: async-signal-safe calls only.
+[[noreturn]] void becomeProgram(char* const arguments[], int output,
+                                const std::vector<std::string>& reports) {
+  if (terminationSignal() != 0) _exit(EXIT_FAILURE);  // noted just before the fork
+  (void)signal(SIGPIPE, SIG_DFL);                     // libraries ignore it for the daemon
   const int redirected = output == STDOUT_FILENO ? fcntl(output, F_SETFD, 0) : dup2(output, STDOUT_FILENO);
   if (redirected >= 0) {
+    closeDescriptorsFrom(STDERR_FILENO + 1);
     char* const environment[] = {nullptr};
     execve(arguments[0], arguments, environment);
   }
-  reportExecveFailure(errno);
+  const auto error = static_cast<std::size_t>(errno);
+  const std::string& report = error < reports.size() ? reports[error] : reports.back();
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, report.data(), report.size());
   _exit(EXIT_FAILURE);
 }
 
@@ -77,13 +124,17 @@ struct Child {
   }
 }
 
-}  // namespace
+struct Outcome {
+  bool succeeded;
+  std::string output;
+};
 
-std::string runProcess(char* const arguments[]) {
-  if (arguments[0] == nullptr) throw std::runtime_error(executionFailed);
-
-  ProgramGate gate;
-  closeOnExecFrom(STDERR_FILENO + 1);
+// Does not return once a termination signal has arrived: a program that the same signal has ended must
+// not count as a success.
+[[nodiscard]] Outcome runToItsEnd(char* const arguments[]) {
+  const std::vector<std::string> reports = execveReports();
+  heedChildren();
+  const Wait wait(Wait::program);
 
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("unable to create pipes for reading stdout");
@@ -94,14 +145,20 @@ std::string runProcess(char* const arguments[]) {
 
   child.pid = fork();
   if (child.pid < 0) throw std::runtime_error("unable to fork");
-  if (child.pid == 0) becomeProgram(arguments, writeEnd.get());
+  if (child.pid == 0) becomeProgram(arguments, writeEnd.get(), reports);
 
   writeEnd.close();
   std::string output = readToEnd(readEnd.get());
-  const bool succeeded = child.wait();
-  gate.leave();
-  if (!succeeded) throw std::runtime_error(executionFailed);
-  return output;
+  return {child.wait(), std::move(output)};
+}
+
+}  // namespace
+
+std::string runProcess(char* const arguments[]) {
+  if (arguments[0] == nullptr) throw std::runtime_error(executionFailed);
+  Outcome outcome = runToItsEnd(arguments);
+  if (!outcome.succeeded) throw std::runtime_error(executionFailed);
+  return std::move(outcome.output);
 }
 
 std::string runCommand(std::vector<std::string> arguments) {

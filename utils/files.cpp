@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <stdexcept>
@@ -13,6 +14,7 @@
 #include "utils/command_runner.h"
 #include "utils/file_descriptor.h"
 #include "utils/paths.h"
+#include "utils/termination.h"
 
 namespace zelo {
 namespace {
@@ -59,7 +61,7 @@ std::string readFile(const std::string& path) noexcept try {
 }
 
 void writeFile(const std::string& path, const std::string& content) noexcept {
-  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK;
   const FileDescriptor file(open(path.c_str(), flags, defaultPermissions));
   if (!file.valid()) return;
   std::size_t written = 0;
@@ -81,7 +83,16 @@ std::string moveFile(const std::string& source, const std::string& directory) {
 }
 
 void sleepSeconds(std::uint32_t seconds) {
-  usleep(seconds * 1000000U);
+  using std::chrono::microseconds;
+  using std::chrono::steady_clock;
+  const Wait wait(Wait::event);
+  std::uint32_t rest = seconds * 1000000U;
+  const auto end = steady_clock::now() + microseconds(rest);
+  while (usleep(rest) != 0 && errno == EINTR) {
+    const auto left = std::chrono::duration_cast<microseconds>(end - steady_clock::now()).count();
+    if (left <= 0) return;
+    rest = static_cast<std::uint32_t>(left);
+  }
 }
 
 }  // namespace zelo

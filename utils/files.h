@@ -21,15 +21,15 @@ void makeDirectory(const std::string& path);
 /// The whole content of a regular file; empty for anything else and for whatever cannot be read.
 [[nodiscard]] std::string readFile(const std::string& path) noexcept;
 
-/// Creates the file or replaces its content. Does not write through a symbolic link in the path's last
-/// place. A failure goes unreported: whoever uses the file notices.
+/// Creates the file or replaces its content. A failure goes unreported: whoever uses the file notices.
 void writeFile(const std::string& path, const std::string& content) noexcept;
 
 /// Moves a file into a directory, which is made when it is missing, and returns the file's new path.
 /// Throws what `makeDirectory`, `getFileName` and `runCommand` throw; the source then stays.
 std::string moveFile(const std::string& source, const std::string& directory);
 
-/// Suspends the calling thread. At most `maxSleepSeconds`.
+/// Suspends the main thread for the whole time, whatever signals arrive; does not return once a termination
+/// signal has. At most `maxSleepSeconds`.
 void sleepSeconds(std::uint32_t seconds);
 
 }  // namespace zelo

@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <climits>
 #include <csignal>
 #include <stdexcept>
 
@@ -21,17 +20,7 @@ void openStandardDescriptors() {
 
 void doNothing(int /*signum*/) {}
 
-}  // namespace
-
-void repairInheritedState() {
-  openStandardDescriptors();
-  stopIgnoringSignals();
-  sigset_t none;
-  sigemptyset(&none);
-  pthread_sigmask(SIG_SETMASK, &none, nullptr);
-}
-
-void stopIgnoringSignals() noexcept {
+void stopIgnoringSignals() {
   for (int signum = 1; signum <= SIGRTMAX; ++signum) {
     struct sigaction action {};
     if (sigaction(signum, nullptr, &action) != 0) continue;
@@ -44,14 +33,14 @@ void stopIgnoringSignals() noexcept {
   }
 }
 
-void closeOnExecFrom(int first) noexcept {
-  if (close_range(static_cast<unsigned>(first), UINT_MAX, CLOSE_RANGE_CLOEXEC) == 0) return;
-  // Kernels before 5.11 cannot mark a range.
-  const long end = sysconf(_SC_OPEN_MAX);
-  for (int fd = first; fd < end; ++fd) {
-    const int flags = fcntl(fd, F_GETFD);
-    if (flags >= 0) fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
-  }
+}  // namespace
+
+void repairInheritedState() {
+  openStandardDescriptors();
+  stopIgnoringSignals();
+  sigset_t none;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 }  // namespace zelo

@@ -2,6 +2,9 @@
 
 namespace zelo {
 
+/// How long a log receiver that has stopped reading may keep the process from ending.
+inline constexpr int logPatienceSeconds = 2;
+
 /// Each writes one line to syslog when its level is on in `g_qorvex_log_mask`, formatted as printf
 /// does. Not for signal handlers.
 [[gnu::format(printf, 1, 2)]] void logInfo(const char* format, ...);

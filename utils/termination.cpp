@@ -1,44 +1,70 @@
 #include "utils/termination.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
 
+#include "utils/mutex_lock.h"
+
 namespace zelo {
 namespace {
 
-std::atomic<int> firstSignal{0};
+enum class Activity { acts, waits, waitsForProgram };
+
+std::atomic<int> g_termination_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
 
-// Locked while a program runs, and for good once the gate is shut.
-std::mutex programRunning;
+// pthread's own types have no destructor: a thread may still wait for them while the process exits.
+pthread_mutex_t g_activity_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_activity_changed = PTHREAD_COND_INITIALIZER;
+Activity g_activity = Activity::acts;
+
+void become(Activity next) noexcept {
+  int signum = 0;
+  {
+    const MutexLock lock(g_activity_mutex);
+    signum = terminationSignal();
+    g_activity = signum == 0 ? next : Activity::waits;
+    pthread_cond_broadcast(&g_activity_changed);
+  }
+  while (signum != 0) pause();
+}
 
 }  // namespace
 
 bool noteTerminationSignal(int signum) noexcept {
   int none = 0;
-  return firstSignal.compare_exchange_strong(none, signum);
+  return g_termination_signal.compare_exchange_strong(none, signum);
 }
 
 int terminationSignal() noexcept {
-  return firstSignal.load();
+  return g_termination_signal.load();
 }
 
 void awaitEnd() noexcept {
+  become(Activity::waits);
   for (;;) pause();
 }
 
-ProgramGate::ProgramGate() : lock(programRunning) {
-  if (terminationSignal() != 0) leave();
+Wait::Wait(For what) noexcept {
+  become(what == program ? Activity::waitsForProgram : Activity::waits);
 }
 
-void ProgramGate::leave() {
-  lock.unlock();
-  if (terminationSignal() != 0) awaitEnd();
+Wait::~Wait() {
+  become(Activity::acts);
 }
 
-void shutProgramGate() {
-  programRunning.lock();
+void awaitMainThread(const timespec& deadline) noexcept {
+  const MutexLock lock(g_activity_mutex);
+  int result = 0;
+  while (g_activity == Activity::acts && result == 0)
+    result = pthread_cond_clockwait(&g_activity_changed, &g_activity_mutex, CLOCK_MONOTONIC, &deadline);
+}
+
+void awaitNoProgram() noexcept {
+  const MutexLock lock(g_activity_mutex);
+  while (g_activity == Activity::waitsForProgram) pthread_cond_wait(&g_activity_changed, &g_activity_mutex);
 }
 
 }  // namespace zelo

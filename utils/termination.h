@@ -1,36 +1,38 @@
 #pragma once
 
-#include <mutex>
+#include <ctime>
 
+/// How a termination signal ends the daemon without tearing what it is doing.
+///
+/// The main thread either acts or waits: for a pause, a download or a program. Once a signal has been
+/// noted, it neither returns from a wait nor begins another one. As soon as it waits, nothing new begins.
 namespace zelo {
 
-/// Remembers a termination signal. True for the first one only. Async-signal-safe.
+/// Remembers a termination signal. True for the first one only. Async-signal-safe; to be called on the
+/// main thread, so that the thread cannot begin anything between the signal and this note.
 [[nodiscard]] bool noteTerminationSignal(int signum) noexcept;
 
-/// The first termination signal that arrived, 0 before there is one. Async-signal-safe.
+/// The termination signal that was noted, 0 before there is one. Async-signal-safe.
 [[nodiscard]] int terminationSignal() noexcept;
 
-/// Blocks the calling thread until the process ends.
+/// Makes the main thread wait until the process ends.
 [[noreturn]] void awaitEnd() noexcept;
 
-/// Keeps the end of the process and the programs that it starts apart: once a termination signal has
-/// arrived no program is started any more, and the process ends only when none is running.
-///
-/// Held from before a program is started until it has been reaped. Once a termination signal has
-/// arrived, neither the constructor nor `leave` returns.
-class ProgramGate {
+/// The main thread waits for as long as one of these lives. Neither the constructor nor the destructor
+/// returns once a termination signal has been noted.
+class Wait {
  public:
-  ProgramGate();
+  enum For { event, program };
 
-  /// To be called after a program has ended and before its ending is looked at: a program that was
-  /// ended by the signal that ends the daemon must not count as a success.
-  void leave();
-
- private:
-  std::unique_lock<std::mutex> lock;
+  explicit Wait(For what) noexcept;
+  Wait(const Wait&) = delete;
+  Wait& operator=(const Wait&) = delete;
+  ~Wait();
 };
 
-/// Waits until no program is running and keeps the gate shut for good.
-void shutProgramGate();
+/// For the threads that end the process, after a signal has been noted. The first returns when the main
+/// thread waits, or at the deadline on CLOCK_MONOTONIC; the second when it waits for no program.
+void awaitMainThread(const timespec& deadline) noexcept;
+void awaitNoProgram() noexcept;
 
 }  // namespace zelo

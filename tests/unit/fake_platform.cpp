@@ -175,10 +175,7 @@ xfr::Transfer* xfr::TransferServiceImpl::initiateTransfer(TransferRequestDescImp
   submitted.id = current.firstId++;
   auto handle = std::make_unique<fake::Handle>(submitted.id);
   submitted.handle = handle.get();
-  if (!current.onInitiate(submitted)) {
-    if (submitted.listener->getTransfer() == handle.get()) (void)handle.release();  // the listener's by now
-    return nullptr;
-  }
+  if (!current.onInitiate(submitted)) return nullptr;  // the handle goes, announced or not
   state_->running = &submitted;
   return handle.release();
 }

@@ -2,12 +2,19 @@
 
 #include <atomic>
 #include <cstdint>
+#include <stdexcept>
 
 /// The lock's handle; -1 before the check and once the lock has been released.
 extern std::atomic<std::int32_t> g_singleton_handle;
 
-/// Takes the lock that only one instance can hold. Throws `std::runtime_error` "one more instance of
-/// zeloinstall is running." when another one holds it.
+/// "one more instance of zeloinstall is running.": no fault of this one.
+class AnotherInstance : public std::runtime_error {
+ public:
+  AnotherInstance();
+};
+
+/// Takes the lock that only one instance can hold. Throws `AnotherInstance`, after a line that says so,
+/// when another one holds it.
 void checkSingleInstance();
 
 /// Releases the lock if it is held, from whichever thread comes first; any other waits until it is

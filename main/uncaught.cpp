@@ -1,26 +1,41 @@
 #include "main/uncaught.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 
+#include "main/single_instance.h"
 #include "utils/log.h"
 
 namespace zelo {
 namespace {
 
+void endWithStatusOne(int /*signum*/) {
+  _exit(EXIT_FAILURE);
+}
+
 [[noreturn]] void end(const char* reason) noexcept {
+  // The process ends in time even if the log receiver has stopped reading.
+  (void)signal(SIGALRM, endWithStatusOne);
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, SIGALRM);
+  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+  alarm(logPatienceSeconds);
   logError("E def:zeloinstall:main:ending with status 1: %s", reason);
   _exit(EXIT_FAILURE);
 }
 
-[[noreturn]] void endWithStatusOne() noexcept {
+[[noreturn]] void endUncaught() noexcept {
   const std::exception_ptr exception = std::current_exception();
   if (!exception) end("terminated without an exception");
   try {
     std::rethrow_exception(exception);
+  } catch (const AnotherInstance&) {
+    _exit(EXIT_FAILURE);  // its line has been written
   } catch (const std::exception& error) {
     end(error.what());
   } catch (...) {
@@ -28,16 +43,13 @@ namespace {
   }
 }
 
-// Stands until the crash dumps are set up; before that, an abort is a library in want of something.
-void endOnAbort(int /*signum*/) {
-  _exit(EXIT_FAILURE);
-}
-
 }  // namespace
 
 void endOnUncaughtExceptions() noexcept {
-  std::set_terminate(endWithStatusOne);
-  (void)signal(SIGABRT, endOnAbort);
+  std::set_terminate(endUncaught);
+  // Until the crash-dump handlers replace this one: a library that aborts before has run out of some
+  // resource, which is a failed start and no crash.
+  (void)signal(SIGABRT, endWithStatusOne);
 }
 
 }  // namespace zelo

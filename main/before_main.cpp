@@ -1,27 +1,30 @@
 /// All process-wide objects with a constructor, in the order in which they are built before `main`.
 
+#include <malloc.h>
+
 #include "download/transfer_service_wrapper.h"
 #include "download/work_directory.h"
 #include "main/uncaught.h"
 #include "utils/files.h"
-#include "utils/heap.h"
 #include "utils/inherited_state.h"
 
-// An exception here has no catcher: the terminate handler, installed first, ends the process in order.
+// Nothing can catch an exception here: the terminate handler, installed first, ends the process in order.
 // NOLINTBEGIN(cert-err58-cpp)
 
 namespace {
 
-/// First, so that whatever fails behind it ends the process in order, with sane descriptors and signals.
+/// First, so that whatever fails after it ends the process in order, with sane descriptors and signals.
 struct ProcessFrame {
   ProcessFrame() {
     zelo::endOnUncaughtExceptions();
     zelo::repairInheritedState();
-    zelo::reserveHeap();
+    // One heap for all threads: where memory is short a second one may be refused, which libraries do not
+    // survive.
+    (void)mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): there is one thread yet
   }
 };
 
-const ProcessFrame processFrame;
+const ProcessFrame g_process_frame;
 
 }  // namespace
 
@@ -29,12 +32,12 @@ const std::string zelo::g_work_directory = zelo::createTempDirectory();
 
 namespace {
 
-const TransferServiceWrapper transferServiceWrapper;
+const TransferServiceWrapper g_transfer_service_wrapper;
 
 }  // namespace
 
 // NOLINTEND(cert-err58-cpp)
 
 xfr::TransferServiceImpl* getTransferService() {
-  return transferServiceWrapper.getService();
+  return g_transfer_service_wrapper.getService();
 }

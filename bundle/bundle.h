@@ -9,6 +9,7 @@ class ZeloInstaller;
 /// A bundle on disk: the archive and its signature. Neither file is ever removed.
 class ZeloInstallerBundle {
  public:
+  /// From absolute paths; neither file is examined.
   ZeloInstallerBundle(const std::string& archiveFile, const std::string& signatureFile);
   ZeloInstallerBundle(const ZeloInstallerBundle&) = default;
   ZeloInstallerBundle& operator=(const ZeloInstallerBundle&) = default;

@@ -7,6 +7,7 @@ namespace zelo {
 /// An unpacked bundle, ready to run.
 class ZeloInstaller {
  public:
+  /// For a directory with the bundle's script at its top level; nothing is examined before `run`.
   explicit ZeloInstaller(const std::string& unpackedDirectory);
   ZeloInstaller(const ZeloInstaller&) = default;
   ZeloInstaller& operator=(const ZeloInstaller&) = default;

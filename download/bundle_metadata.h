@@ -15,6 +15,7 @@ class ZeloInstallerBundleMetadata {
   /// built or the retry count is negative; what `readDownloadLimits` throws.
   ZeloInstallerBundleMetadata();
 
+  /// From an address and the path of a signature file that are known already.
   ZeloInstallerBundleMetadata(const std::string& bundleUrl, const std::string& signatureFile);
   ZeloInstallerBundleMetadata(const ZeloInstallerBundleMetadata&) = default;
   ZeloInstallerBundleMetadata& operator=(const ZeloInstallerBundleMetadata&) = default;
@@ -22,7 +23,8 @@ class ZeloInstallerBundleMetadata {
 
   /// The bundle stage: downloads the archive into the signature file's directory. Throws
   /// `ZeloException` with the download code; `std::runtime_error` when the retry count is negative or
-  /// the signature path empty; what `readDownloadLimits` throws.
+  /// the signature path empty; what `readDownloadLimits` throws. Defined in bundle/download_bundle.cpp,
+  /// since it makes a bundle.
   [[nodiscard]] ZeloInstallerBundle downloadBundle() const;
 
  private:

@@ -16,7 +16,7 @@ struct DownloadLimits {
 /// Throws as `getDownloadRetries` and `getDownloadTimeoutSeconds` do, which it calls in this order.
 [[nodiscard]] DownloadLimits readDownloadLimits();
 
-/// Pauses for as many seconds as attempts came before, or as can be counted.
+/// Pauses for as many seconds as there were attempts before this one, at most `maxSleepSeconds`.
 void pauseBeforeAttempt(int attempt);
 
 /// Calls `attempt` until it succeeds, at most `retries` times more than once, and returns its result.

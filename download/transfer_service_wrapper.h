@@ -30,5 +30,6 @@ class TransferServiceWrapper {
   std::unique_ptr<xfr::TransferServiceImpl> service;  // after the bus: deleted before it is closed
 };
 
-/// The client that every download uses; callable from any thread once `main` runs.
+/// The client that every download uses; callable from any thread once `main` runs. Defined beside the one
+/// `TransferServiceWrapper`, in main/before_main.cpp.
 [[nodiscard]] xfr::TransferServiceImpl* getTransferService();

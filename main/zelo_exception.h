@@ -15,6 +15,7 @@ inline constexpr const char* ERROR_CODE_UNKNOWN = "99";
 /// A failure that reaches the user. Not a `std::runtime_error`: the stages catch those and let this pass.
 class ZeloException : public std::exception {
  public:
+  /// `errorCode` is one of the codes above; neither text is examined.
   ZeloException(const std::string& errorCode, const std::string& message);
 
   /// "zelo exception: ", the message, ". code=" and the code.

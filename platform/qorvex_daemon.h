@@ -14,7 +14,7 @@ extern std::uint32_t g_qorvex_log_mask;
 /// another instance holds it.
 int qorvex_daemon_checksingleton(const char* pidFile);
 
-/// Releases the lock that `handle` stands for; a negative handle releases nothing.
+/// Releases the lock that `handle` stands for; a negative handle releases nothing. 0 when it was released.
 int qorvex_daemon_cleansingleton(const char* pidFile, int handle);
 
 }  // extern "C"

@@ -22,6 +22,7 @@ inline constexpr int deferredForHighPriorityItems = 9;
 /// The service's handle for a submitted request. Belongs to whoever submitted it.
 class Transfer {
  public:
+  /// The service's number for the transfer, greater than 0. The reference is good while the handle lives.
   virtual const int& getId() = 0;
   virtual ~Transfer() = default;
 };
@@ -31,7 +32,10 @@ class TransferStatus {
  public:
   virtual int getId() = 0;
   virtual int getState() = 0;
+  /// The service's own number for what went wrong: from 100 on the server's HTTP status, else the exit
+  /// number of the service's client. Without meaning but for failed and deferred transfers.
   virtual int getErrorCode() = 0;
+  /// Why the transfer was put off, in state `transferDeferred`.
   virtual int getDeferredCode() = 0;
 
  protected:
@@ -42,8 +46,8 @@ class TransferStatus {
 class TransferListener {
  public:
   virtual void onProgress(TransferStatus* transferStatus) = 0;
-  /// Hands over the handle of the request that names this listener, at the latest when
-  /// `initiateTransfer` returns; the listener's owner is the owner of the handle.
+  /// Announces the handle of the request that names this listener, perhaps before `initiateTransfer`
+  /// returns it. It belongs to the listener's owner while it is stored; null takes it back.
   virtual void setTransfer(Transfer* transfer) = 0;
   virtual Transfer* getTransfer() = 0;
   virtual ~TransferListener() = default;

@@ -14,6 +14,7 @@ inline constexpr const char* DEBUG_FEATURES_MARKER = "/PRE_GM_DEBUGGING_FEATURES
 /// Throws `std::runtime_error` "could not get software package name".
 [[nodiscard]] std::string getSoftwarePackageNameText();
 
+/// True when the marker exists as anything at all: a directory, an empty file. Its content does not count.
 [[nodiscard]] bool debugFeaturesEnabled();
 
 }  // namespace zelo

@@ -24,7 +24,7 @@ class JSONWrapper {
   /// and " not found" when it is missing or not a string.
   [[nodiscard]] std::string getString(const std::string& name) const;
 
-  /// Adds a string member behind the others, also when one of that name exists.
+  /// Adds a string member after the others, also when one of that name exists.
   void addString(const std::string& name, const std::string& value);
 
   /// The document as text without white space.

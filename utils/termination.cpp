@@ -20,15 +20,13 @@ pthread_mutex_t g_activity_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_activity_changed = PTHREAD_COND_INITIALIZER;
 Activity g_activity = Activity::acts;
 
-void become(Activity next) noexcept {
-  int signum = 0;
-  {
-    const MutexLock lock(g_activity_mutex);
-    signum = terminationSignal();
-    g_activity = signum == 0 ? next : Activity::waits;
-    pthread_cond_broadcast(&g_activity_changed);
-  }
-  while (signum != 0) pause();
+// False, and the main thread just waits, once a termination signal has been noted.
+[[nodiscard]] bool become(Activity next) noexcept {
+  const MutexLock lock(g_activity_mutex);
+  const bool goesOn = terminationSignal() == 0;
+  g_activity = goesOn ? next : Activity::waits;
+  pthread_cond_broadcast(&g_activity_changed);
+  return goesOn;
 }
 
 }  // namespace
@@ -43,16 +41,16 @@ int terminationSignal() noexcept {
 }
 
 void awaitEnd() noexcept {
-  become(Activity::waits);
+  (void)become(Activity::waits);
   for (;;) pause();
 }
 
 Wait::Wait(For what) noexcept {
-  become(what == program ? Activity::waitsForProgram : Activity::waits);
+  if (!become(what == program ? Activity::waitsForProgram : Activity::waits)) awaitEnd();
 }
 
 Wait::~Wait() {
-  become(Activity::acts);
+  if (!become(Activity::acts)) awaitEnd();
 }
 
 void awaitMainThread(const timespec& deadline) noexcept {

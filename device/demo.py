@@ -73,6 +73,19 @@ def recovering(device: VirtualDevice) -> None:
     device.set_pref(RETRIES, "3")
 
 
+def deferred(device: VirtualDevice) -> None:
+    good(device)
+    device.defer_transfers(9)
+
+
+def start_and_undefer(device: VirtualDevice) -> list[Run]:
+    run = device.start()
+    run.wait_for_line("continue monitoring progress")
+    device.defer_transfers(None)
+    run.wait()
+    return [run]
+
+
 def failing_script(device: VirtualDevice) -> None:
     device.publish(device.make_bundle(script="#!/bin/sh\nexit 1\n"))
 
@@ -112,6 +125,8 @@ SCENARIOS = (
     Scenario("no archive", "signed bytes that are no gzip archive", no_archive, "code=01", "01"),
     Scenario("download recovers", "a good bundle, but the first request gets status 503", recovering,
              "bundle download failed due to download failed"),
+    Scenario("deferred, then completed", "a good bundle; the transfer service puts the download off for a while",
+             deferred, "download deferred due to high priority items", play=start_and_undefer),
     Scenario("failing script", "a bundle whose run.sh ends with status 1", failing_script, "code=03", "03"),
     Scenario("retries set to -1", "a good bundle", no_attempt, "illegal state. code=99", "99"),
     Scenario("second start", "a bundle whose run.sh waits until the second start has ended", waiting_script,

@@ -47,6 +47,11 @@ def enter(root: str, mounts: Sequence[str] = (), last: Sequence[str] = (), user:
     return ["/usr/bin/unshare", *([] if AS_ROOT else ["-r"]), "-m", "/bin/sh", "-c", script, root, *chroot]
 
 
+def join_mounts(pid: int) -> list[str]:
+    """Prefix for a program that sees the mounts of the process `pid`."""
+    return ["/usr/bin/nsenter", f"--target={pid}", "--mount", *([] if AS_ROOT else ["--user", "--preserve"])]
+
+
 @functools.cache
 def mounts_allowed() -> bool:
     """Whether this machine lets us make mounts at all; plain containers do not."""

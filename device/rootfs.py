@@ -13,15 +13,20 @@ from contextlib import contextmanager
 from pathlib import Path
 
 from device.architecture import architecture, native_build
-from device.services import Shell
+from device.services import Shell, TransferService
 
-FROM_HOST = ("/bin/sh", "/bin/tar", "/bin/gzip", "/bin/base64", "/bin/mv", "/usr/bin/openssl")
+FROM_HOST = ("/bin/sh", "/bin/tar", "/bin/gzip", "/bin/base64", "/bin/mv", "/usr/bin/openssl",
+             "/usr/bin/curl", "/usr/bin/dbus-send", "/usr/bin/timeout")
 DAEMON = "/usr/sbin/zeloinstall"
 FROM_BUILD = {
-    "/usr/bin/kbus-set-prop": "standin/kbus-set-prop",
-    "/usr/bin/kbus-send-event": "standin/kbus-send-event",
     "/usr/bin/vestrel": "standin/vestrel",
-    Shell.TOOL: "standin/kbus-set-prop",
+    TransferService.PROGRAM: "standin/transfer-service",
+}
+STANDIN = Path(__file__).resolve().parents[1] / "standin"
+SCRIPTS = {
+    "/usr/bin/kbus-set-prop": STANDIN / "kbus-set-prop",
+    "/usr/bin/kbus-send-event": STANDIN / "kbus-send-event",
+    Shell.TOOL: STANDIN / "kbus-set-prop",
 }
 DIRECTORIES = ("dev", "etc/zelo", "etc/ssl/certs", "proc", "run", "tmp", "usr/bin", "usr/lib", "usr/lib64",
                "usr/sbin", "var/lib/prefbox", "var/run")
@@ -60,6 +65,7 @@ class Template:
     def __init__(self, build: Path, files: Mapping[str, Path]):
         self._programs = {path: Path(os.path.realpath(path)) for path in FROM_HOST}
         self._programs.update((path, native_build(build) / name) for path, name in FROM_BUILD.items())
+        self._programs.update(SCRIPTS)
         self._programs[DAEMON] = build / "zeloinstall"
         self._programs.update((path, Path(path)) for path in architecture(build / "zeloinstall").launcher)
         self._programs.update(files)

@@ -1,4 +1,4 @@
-"""The programs that run beside the daemon: the message bus and the UI shell."""
+"""The programs that run beside the daemon: the message bus, the transfer service and the UI shell."""
 
 import re
 import subprocess
@@ -84,6 +84,15 @@ def start_bus(base: Path, root: Path) -> Service:
     command = ["/usr/bin/dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog",
                "--print-address=1"]
     return Service([*as_root(), *command], base, "unix:path=.*")
+
+
+class TransferService(Service):
+    """The transfer service, inside the root: it downloads for the daemon."""
+
+    PROGRAM = "/usr/sbin/transfer-service"
+
+    def __init__(self, base: Path, root: Path, mounts: Sequence[str] = (), user: int = 0):
+        super().__init__([*enter(str(root), mounts, user=user), self.PROGRAM], base, "transfer-service: ready")
 
 
 class Shell:

@@ -19,13 +19,13 @@ from pathlib import Path
 
 from device.architecture import architecture
 from device.bundles import Bundle, make_bundle, sign
-from device.entering import enter
+from device.entering import enter, join_mounts
 from device.guardian import Guardian, clear
 from device.https_server import Content, Server
 from device.keys import HOST, Keys
 from device.rootfs import DAEMON, Template, make_null_device
 from device.run import Run
-from device.services import Shell, start_bus
+from device.services import Shell, TransferService, start_bus
 from device.syslog_receiver import SyslogReceiver
 
 ARCHIVE = "/zelo_installer.tar.gz"
@@ -61,6 +61,8 @@ class VirtualDevice:
             stack.callback(self.server.close)
             self.bus = start_bus(self._base, self.root)
             stack.callback(self.bus.stop)
+            self.start_transfers()
+            stack.callback(lambda: self.transfers.stop())
             self.shell = Shell(self._base, self.root)
             stack.callback(self.shell.stop)
             self.set_pref("url.zelo.installer.metadata", f"{self.url(DOCUMENT)}?version=%s&package=%s")
@@ -136,16 +138,37 @@ class VirtualDevice:
             return None
         return None if kind == fcntl.F_UNLCK else pid
 
-    def start(self, *, prefix: Sequence[str] = (), mounts: Sequence[str] = (), last: Sequence[str] = (),
-              user: int = 0, env: Mapping[str, str] | None = None, program: str = DAEMON, **popen) -> Run:
+    def start_transfers(self, mounts: Sequence[str] = (), user: int = 0) -> None:
+        """Starts the transfer service, which must not be running.
+
+        `mounts` are steps of `entering`; the daemon sees them too when it is started afterwards. Another
+        `user` needs `admit`.
+        """
+        self.transfers = TransferService(self._base, self.root, mounts, user)
+        self._join = join_mounts(self.transfers.process.pid) if mounts else []
+
+    def restart_transfers(self, mounts: Sequence[str] = (), user: int = 0) -> None:
+        self.transfers.stop()
+        self.start_transfers(mounts, user)
+
+    def defer_transfers(self, code: int | None) -> None:
+        """Has the transfer service put off all transfers with a deferred code, until it gets None."""
+        file = self.path("/run/transfer/deferred")
+        if code is None:
+            file.unlink()
+        else:
+            file.write_text(f"{code}\n")
+
+    def start(self, *, prefix: Sequence[str] = (), last: Sequence[str] = (), user: int = 0,
+              env: Mapping[str, str] | None = None, program: str = DAEMON, **popen) -> Run:
         """Starts the daemon, with an empty environment unless told otherwise.
 
-        `prefix` starts it from outside the root, e.g. setarch; `mounts` are steps of `entering`; for `last`
-        and `user` see `enter`, for what another user needs `admit`. Further arguments go to
-        `subprocess.Popen`, e.g. `preexec_fn` and `restore_signals=False`.
+        `prefix` starts it from outside the root, e.g. setarch; for `last` and `user` see `enter`, for what
+        another user needs `admit`. Further arguments go to `subprocess.Popen`, e.g. `preexec_fn` and
+        `restore_signals=False`.
         """
         output = self._base / f"output.{next(self._numbers)}"
-        command = [*prefix, *enter(str(self.root), mounts, last, user), *self._launcher, program]
+        command = [*prefix, *self._join, *enter(str(self.root), (), last, user), *self._launcher, program]
         with open(output, "wb") as sink:
             streams = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink}
             process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **{**streams, **popen})

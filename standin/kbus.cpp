@@ -1,11 +1,18 @@
 #include "platform/kbus.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
-#include <new>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <future>
 #include <utility>
 
+#include "standin/block_signals.h"
 #include "standin/bus_connection.h"
+#include "standin/bus_handle.h"
 
 namespace {
 
@@ -13,30 +20,60 @@ constexpr int ready = 0;
 constexpr int noBus = 1;
 constexpr int nameTaken = 2;
 
+// Where GLib gives up for want of memory, threads or descriptors, the process says so and ends with
+// status 1, as programs do when anything else fails, instead of by a signal.
+void endWithStatusOneOnFatalErrors() {
+  g_log_set_default_handler(
+      [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer unused) {
+        if ((level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0) {
+          (void)std::fprintf(stderr, "%s\n", message != nullptr ? message : "GLib gives up");
+          _exit(EXIT_FAILURE);
+        }
+        g_log_default_handler(domain, level, message, unused);
+      },
+      nullptr);
+}
+
+// On a thread of its own: GIO's thread is born there, with signals blocked, and a bus that never answers
+// keeps neither the caller nor the signals that end it waiting for longer.
+kbus::Connection connectInTime(kbus::Error& error) {
+  const std::unique_ptr<GCancellable, kbus::Unref> cancellable(g_cancellable_new());
+  std::future<kbus::Connection> connecting;
+  {
+    const kbus::BlockSignals block;
+    connecting = std::async(std::launch::async, [&] { return kbus::connect(cancellable.get(), error); });
+  }
+  if (connecting.wait_for(std::chrono::milliseconds(kbus::callTimeoutMilliseconds)) !=
+      std::future_status::ready) {
+    g_cancellable_cancel(cancellable.get());
+  }
+  return connecting.get();
+}
+
 }  // namespace
 
-struct KbusHandleStruct {
-  kbus::Connection connection;
-};
-
-KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) {
-  kbus::endWithStatusOneOnFatalErrors();
+KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) try {
+  endWithStatusOneOnFatalErrors();
   kbus::Error error;
-  kbus::Connection connection = kbus::connect(error);
-  if (!connection) {
+  auto handle = std::make_unique<KbusHandleStruct>();
+  handle->connection = connectInTime(error);
+  if (!handle->connection) {
     syslog(LOG_ERR, "kbus: %s", error->message);
     *resultCode = noBus;
     return nullptr;
   }
-  // Shared among the instances of a service: a second one gets as far as finding out that it is one.
-  if (!kbus::claimName(connection.get(), serviceName, kbus::Sharing::withLaterClaimants, error)) {
+  // Shared among the instances of a service, so that a second one comes to where it sees the first.
+  if (!kbus::claimName(handle->connection.get(), serviceName, kbus::Sharing::withLaterClaimants, error)) {
     syslog(LOG_ERR, "kbus: %s: %s", serviceName, error ? error->message : "the name is taken");
     *resultCode = nameTaken;
     return nullptr;
   }
-  auto* handle = new (std::nothrow) KbusHandleStruct{std::move(connection)};
-  *resultCode = handle != nullptr ? ready : noBus;
-  return handle;
+  *resultCode = ready;
+  return handle.release();
+} catch (const std::exception& error) {  // no memory, no thread
+  syslog(LOG_ERR, "kbus: %s", error.what());
+  *resultCode = noBus;
+  return nullptr;
 }
 
 int KbusClose(KbusHandleStruct* handle) {

@@ -1,72 +1,194 @@
+/// The device's transfer service: downloads for whoever asks on the bus, see transfer_interface.h.
+///
+/// While there is a file /run/transfer/deferred with a number in it, all transfers are put off with that
+/// deferred code; when it is gone they begin anew.
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <map>
+#include <string>
 #include <string_view>
 #include <utility>
 
-#include "standin/transfer.h"
 #include "platform/xfr.h"
+#include "standin/bus_service.h"
+#include "standin/download.h"
+#include "standin/transfer_interface.h"
 
-namespace xfr {
+namespace {
 
-struct TransferRequestDescImpl::State {
-  const char* sourceAddress;
-  const char* method;
-  const char* destinationPath;
-  TransferListener* listener;
-};
+constexpr const char* directory = "/run/transfer";
+constexpr const char* deferralFile = "/run/transfer/deferred";
+constexpr int transferring = 4;
 
-TransferRequestDescImpl::TransferRequestDescImpl(
-    const char* sourceAddress, const char* /*unused2*/, const char* method, const char* destinationPath,
-    const char* /*unused5*/, int /*unused6*/, const char* /*unused7*/, GHashTable* /*unused8*/,
-    const char* /*clientName*/, const char* /*unused10*/, const char* /*displayAddress*/,
-    const char* /*unused12*/, const char* /*passThrough*/, int /*unused14*/, int /*unused15*/,
-    const char* /*requestName*/, TransferListener* listener, bool /*unused18*/, int /*unused19*/,
-    const char* /*unused20*/)
-    : state_(std::make_unique<State>(State{sourceAddress, method, destinationPath, listener})) {}
-
-TransferRequestDescImpl::~TransferRequestDescImpl() = default;
-
-struct TransferServiceImpl::State {
-  std::shared_ptr<const CurlLibrary> library;  // null until the client is ready
-  int lastId = 0;
-};
-
-TransferServiceImpl::TransferServiceImpl(KbusHandleStruct* /*bus*/) : state_(std::make_unique<State>()) {}
-
-TransferServiceImpl::~TransferServiceImpl() = default;
-
-bool TransferServiceImpl::initialize() {
-  if (state_->library) return true;
-  auto library = std::make_shared<const CurlLibrary>();
-  if (!library->ready()) return false;
-  state_->library = std::move(library);
-  return true;
+int readDeferredCode() {
+  int code = 0;
+  std::ifstream(deferralFile) >> code;
+  return code;
 }
 
-Transfer* TransferServiceImpl::initiateTransfer(TransferRequestDescImpl* request) {
-  if (!state_->library || request == nullptr) return nullptr;
-  const TransferRequestDescImpl::State& wanted = *request->state_;
-  if (wanted.sourceAddress == nullptr || wanted.destinationPath == nullptr || wanted.listener == nullptr ||
-      wanted.method == nullptr || std::string_view(wanted.method) != "GET") {
-    return nullptr;
+void answer(GDBusMethodInvocation* call) {
+  g_dbus_method_invocation_return_value(call, nullptr);
+}
+
+struct Transfer {
+  std::string address;
+  std::string destination;
+  std::unique_ptr<Download> download;  // while curl runs
+  bool suspended = false;
+  bool finished = false;
+  GDBusMethodInvocation* finishing = nullptr;  // the call that is answered when curl has ended
+};
+
+class TransferService {
+ public:
+  void begin(GDBusConnection* bus) {
+    bus_ = bus;
+    deferredCode_ = readDeferredCode();
   }
+  void handle(const std::string& client, std::string_view method, GVariant* arguments,
+              GDBusMethodInvocation* call);
+  void putOff(int deferredCode);
+  void clientIsGone(const std::string& client);
 
-  auto transfer = std::make_unique<HttpTransfer>(state_->library, ++state_->lastId, wanted.sourceAddress,
-                                                 wanted.destinationPath, *wanted.listener);
-  HttpTransfer* const handle = transfer.release();
-  wanted.listener->setTransfer(handle);  // the owner from here on
-  if (handle->start()) return handle;
-  wanted.listener->setTransfer(nullptr);
-  return nullptr;
+ private:
+  using Transfers = std::map<std::pair<std::string, int>, Transfer>;  // by client and the client's number
+
+  // Each may remove the transfer.
+  void proceed(Transfers::iterator entry);
+  void finish(Transfers::iterator entry, GDBusMethodInvocation* call);
+  void start(Transfers::iterator entry);
+  void end(Transfers::iterator entry, int result);
+
+  void report(Transfers::iterator entry, int state, int errorCode) const;
+
+  GDBusConnection* bus_ = nullptr;
+  int deferredCode_ = 0;
+  Transfers transfers_;
+};
+
+// Brings a transfer's work in line with what is wanted of it.
+void TransferService::proceed(Transfers::iterator entry) {
+  Transfer& transfer = entry->second;
+  const bool wanted = !transfer.finished && !transfer.suspended && deferredCode_ == 0;
+  if (transfer.download) {
+    if (!wanted) transfer.download->stop();  // comes back here when curl has ended
+  } else if (transfer.finished) {
+    if (transfer.finishing != nullptr) answer(transfer.finishing);
+    transfers_.erase(entry);
+  } else if (deferredCode_ != 0) {
+    report(entry, xfr::transferDeferred, 0);
+  } else if (wanted) {
+    start(entry);
+  }
 }
 
-int TransferServiceImpl::suspendTransfer(Transfer* /*transfer*/) {
-  return -1;
+void TransferService::start(Transfers::iterator entry) {
+  Transfer& transfer = entry->second;
+  transfer.download = std::make_unique<Download>([this, entry](int result) { end(entry, result); });
+  report(entry, transferring, 0);
+  const int result = transfer.download->start(transfer.address, transfer.destination);
+  if (result != Download::whole) end(entry, result);
 }
 
-int TransferServiceImpl::finishTransfer(Transfer* transfer, int /*reason*/) {
-  auto* const mine = dynamic_cast<HttpTransfer*>(transfer);
-  if (mine == nullptr) return -1;
-  mine->finish();
-  return 0;
+void TransferService::end(Transfers::iterator entry, int result) {
+  entry->second.download.reset();
+  if (result == Download::stopped) return proceed(entry);
+  report(entry, result == Download::whole ? xfr::downloadCompleted : xfr::transferFailed, result);
+  transfers_.erase(entry);
 }
 
-}  // namespace xfr
+void TransferService::report(Transfers::iterator entry, int state, int errorCode) const {
+  const auto& [client, id] = entry->first;
+  g_dbus_connection_emit_signal(bus_, client.c_str(), kbus::objectPath(xfr::service::name).c_str(),
+                                xfr::service::name, "Progress",
+                                g_variant_new("(iiii)", id, state, errorCode, deferredCode_), nullptr);
+}
+
+void TransferService::finish(Transfers::iterator entry, GDBusMethodInvocation* call) {
+  Transfer& transfer = entry->second;
+  transfer.finished = true;
+  if (transfer.finishing != nullptr) answer(transfer.finishing);
+  transfer.finishing = call;
+  proceed(entry);
+}
+
+void TransferService::handle(const std::string& client, std::string_view method, GVariant* arguments,
+                             GDBusMethodInvocation* call) {
+  int id = 0;
+  g_variant_get_child(arguments, 0, "i", &id);
+  auto entry = transfers_.find({client, id});
+  if (method == "Initiate") {
+    if (entry != transfers_.end()) {
+      return g_dbus_method_invocation_return_error(call, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+                                                   "another transfer has the number %d", id);
+    }
+    const char* address = nullptr;
+    const char* destination = nullptr;
+    g_variant_get(arguments, "(i^&ay^&ay)", nullptr, &address, &destination);
+    entry = transfers_.try_emplace({client, id}).first;
+    entry->second.address = address;
+    entry->second.destination = destination;
+  } else if (entry == transfers_.end()) {  // it has ended by itself
+    return answer(call);
+  } else if (method == "Finish") {
+    return finish(entry, call);
+  } else {
+    entry->second.suspended = method == "Suspend";
+  }
+  answer(call);
+  proceed(entry);
+}
+
+void TransferService::putOff(int deferredCode) {
+  if (deferredCode == deferredCode_) return;
+  deferredCode_ = deferredCode;
+  for (auto next = transfers_.begin(); next != transfers_.end();) proceed(next++);
+}
+
+void TransferService::clientIsGone(const std::string& client) {
+  for (auto next = transfers_.begin(); next != transfers_.end();) {
+    const auto entry = next++;
+    if (entry->first.first == client) finish(entry, nullptr);
+  }
+}
+
+void handleCall(GDBusConnection* /*bus*/, const gchar* client, const gchar* /*path*/,
+                const gchar* /*interface*/, const gchar* method, GVariant* arguments,
+                GDBusMethodInvocation* call, gpointer service) {
+  static_cast<TransferService*>(service)->handle(client, method, arguments, call);
+}
+
+void ownerChanged(GDBusConnection* /*bus*/, const gchar* /*sender*/, const gchar* /*path*/,
+                  const gchar* /*interface*/, const gchar* /*signal*/, GVariant* change, gpointer service) {
+  const char* name = nullptr;
+  const char* newOwner = nullptr;
+  g_variant_get(change, "(&s&s&s)", &name, nullptr, &newOwner);
+  if (*newOwner == '\0') static_cast<TransferService*>(service)->clientIsGone(name);
+}
+
+void deferralChanged(GFileMonitor* /*monitor*/, GFile* /*file*/, GFile* /*other*/,
+                     GFileMonitorEvent /*event*/, gpointer service) {
+  static_cast<TransferService*>(service)->putOff(readDeferredCode());
+}
+
+void prepare(GDBusConnection* bus, gpointer service) {
+  static_cast<TransferService*>(service)->begin(bus);
+  g_dbus_connection_signal_subscribe(bus, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+                                     "/org/freedesktop/DBus", nullptr, G_DBUS_SIGNAL_FLAGS_NONE, ownerChanged,
+                                     service, nullptr);
+}
+
+}  // namespace
+
+int main() {
+  mkdir(directory, 0755);
+  const std::unique_ptr<GFile, kbus::Unref> file(g_file_new_for_path(deferralFile));
+  const std::unique_ptr<GFileMonitor, kbus::Unref> monitor(
+      g_file_monitor_file(file.get(), G_FILE_MONITOR_NONE, nullptr, nullptr));
+  TransferService service;
+  if (monitor) g_signal_connect(monitor.get(), "changed", G_CALLBACK(deferralChanged), &service);
+  return kbus::serve(xfr::service::name, xfr::service::description, {handleCall, nullptr, nullptr, {}},
+                     &service, prepare);
+}

@@ -1,0 +1,9 @@
+#pragma once
+
+#include "platform/kbus.h"
+#include "standin/bus_connection.h"
+
+/// What `KbusOpenEx` hands out.
+struct KbusHandleStruct {
+  kbus::Connection connection;
+};

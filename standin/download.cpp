@@ -1,0 +1,66 @@
+#include "standin/download.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+
+#include <csignal>
+#include <cstdlib>
+
+namespace {
+
+constexpr int couldNotBegin = 2;  // the numbers are curl's own
+constexpr int couldNotWrite = 23;
+constexpr int refusedByServer = 22;
+constexpr int ok = 200;
+constexpr mode_t ownerOnly = 0600;
+
+int errorCode(GSubprocess* process, int status) {
+  if (g_subprocess_get_if_exited(process) == FALSE) return couldNotBegin;
+  const int exitStatus = g_subprocess_get_exit_status(process);
+  if (exitStatus == 0 && status == ok) return Download::whole;
+  if (exitStatus != 0 && exitStatus != refusedByServer) return exitStatus;
+  return status != 0 ? status : couldNotBegin;
+}
+
+}  // namespace
+
+int Download::start(const std::string& address, const std::string& destination) {
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+  const int file = open(destination.c_str(), flags, ownerOnly);
+  if (file < 0) return couldNotWrite;
+
+  const std::unique_ptr<GSubprocessLauncher, kbus::Unref> launcher(
+      g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDERR_PIPE));
+  g_subprocess_launcher_take_stdout_fd(launcher.get(), file);
+  const char* environment[] = {nullptr};
+  g_subprocess_launcher_set_environ(launcher.get(), const_cast<char**>(environment));
+  // Or it would go on writing to the file after this service has died.
+  g_subprocess_launcher_set_child_setup(
+      launcher.get(), [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
+  const char* command[] = {"/usr/bin/curl", "--disable",  // reads no settings; has to come first
+                           "--silent", "--fail", "--globoff", "--location", "--max-redirs", "10",  //
+                           "--proto", "=https", "--proto-redir", "=https", "--noproxy", "*",       //
+                           "--cacert", "/etc/ssl/certs/ca-certificates.crt",
+                           "--capath", "/dev/null",  // or it trusts what lies in a directory as well
+                           "--connect-timeout", "30", "--speed-limit", "1", "--speed-time", "30",  //
+                           "--write-out", "%{stderr}%{response_code}", "--", address.c_str(), nullptr};
+  process_.reset(g_subprocess_launcher_spawnv(launcher.get(), command, nullptr));
+  if (!process_) return couldNotBegin;
+  g_subprocess_communicate_utf8_async(process_.get(), nullptr, nullptr, onEnd, this);
+  return whole;
+}
+
+void Download::stop() {
+  stopped_ = true;
+  g_subprocess_force_exit(process_.get());
+}
+
+void Download::onEnd(GObject* process, GAsyncResult* result, gpointer self) {
+  char* status = nullptr;
+  g_subprocess_communicate_utf8_finish(G_SUBPROCESS(process), result, nullptr, &status, nullptr);
+  const std::unique_ptr<char, decltype(&g_free)> owned(status, g_free);
+  auto& download = *static_cast<Download*>(self);
+  const int code = errorCode(G_SUBPROCESS(process), status == nullptr ? 0 : std::atoi(status));
+  const auto ended = std::move(download.ended_);
+  ended(download.stopped_ ? stopped : code);
+}

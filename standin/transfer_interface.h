@@ -1,0 +1,26 @@
+#pragma once
+
+/// How the transfer service and its client library speak with each other.
+///
+/// A client numbers its own transfers. It gets `Progress` as signals, which nobody else gets, until it
+/// calls `Finish`, whose answer comes when nothing works on the transfer any more, or vanishes from the
+/// bus. Addresses and paths are bytes, which need not be UTF-8.
+namespace xfr::service {
+
+inline constexpr const char* name = "com.qorvex.transfer";  // of the object and its interface as well
+
+inline constexpr const char* description =
+    "<node><interface name='com.qorvex.transfer'>"
+    "<method name='Initiate'>"
+    "<arg name='id' type='i'/><arg name='address' type='ay'/><arg name='destination' type='ay'/>"
+    "</method>"
+    "<method name='Suspend'><arg name='id' type='i'/></method>"
+    "<method name='Resume'><arg name='id' type='i'/></method>"
+    "<method name='Finish'><arg name='id' type='i'/></method>"
+    "<signal name='Progress'>"
+    "<arg name='id' type='i'/><arg name='state' type='i'/><arg name='error_code' type='i'/>"
+    "<arg name='deferred_code' type='i'/>"
+    "</signal>"
+    "</interface></node>";
+
+}  // namespace xfr::service

@@ -49,6 +49,7 @@ class VirtualDevice:
         self._template = Template(build, files or {})
         self._launcher = architecture(build / "zeloinstall").launcher
         self._numbers = itertools.count(1)
+        self._join: list[str] = []  # what has the daemon see the transfer service's mounts
         self.keys = Keys(build / "device" / "keys")
 
     def __enter__(self) -> "VirtualDevice":
@@ -61,7 +62,7 @@ class VirtualDevice:
             stack.callback(self.server.close)
             self.bus = start_bus(self._base, self.root)
             stack.callback(self.bus.stop)
-            self.start_transfers()
+            self.transfers = TransferService(self._base, self.root)
             stack.callback(lambda: self.transfers.stop())
             self.shell = Shell(self._base, self.root)
             stack.callback(self.shell.stop)
@@ -138,18 +139,15 @@ class VirtualDevice:
             return None
         return None if kind == fcntl.F_UNLCK else pid
 
-    def start_transfers(self, mounts: Sequence[str] = (), user: int = 0) -> None:
-        """Starts the transfer service, which must not be running.
+    def restart_transfers(self, mounts: Sequence[str] = (), user: int = 0) -> None:
+        """Starts the transfer service anew.
 
         `mounts` are steps of `entering`; the daemon sees them too when it is started afterwards. Another
         `user` needs `admit`.
         """
+        self.transfers.stop()
         self.transfers = TransferService(self._base, self.root, mounts, user)
         self._join = join_mounts(self.transfers.process.pid) if mounts else []
-
-    def restart_transfers(self, mounts: Sequence[str] = (), user: int = 0) -> None:
-        self.transfers.stop()
-        self.start_transfers(mounts, user)
 
     def defer_transfers(self, code: int | None) -> None:
         """Has the transfer service put off all transfers with a deferred code, until it gets None."""

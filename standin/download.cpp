@@ -4,22 +4,38 @@
 #include <sys/prctl.h>
 
 #include <csignal>
-#include <cstdlib>
+#include <sstream>
 
 namespace {
 
 constexpr int couldNotBegin = 2;  // the numbers are curl's own
+constexpr int partOfFile = 18;
 constexpr int couldNotWrite = 23;
 constexpr int refusedByServer = 22;
 constexpr int ok = 200;
 constexpr mode_t ownerOnly = 0600;
 
-int errorCode(GSubprocess* process, int status) {
+// What curl is to say of a response.
+constexpr const char* responseFormat =
+    "%{stderr}%{response_code} %{http_version} %{size_download} "
+    "%header{transfer-encoding}:%header{content-length}";
+
+// A body that ends with the connection may have been cut, and curl takes it as it is.
+bool isKnownToBeWhole(const std::string& version, const std::string& size, const std::string& framing) {
+  return version >= "2" || framing == "chunked:" || framing == ":" + size;
+}
+
+int errorCode(GSubprocess* process, const char* response) {
   if (g_subprocess_get_if_exited(process) == FALSE) return couldNotBegin;
   const int exitStatus = g_subprocess_get_exit_status(process);
-  if (exitStatus == 0 && status == ok) return Download::whole;
   if (exitStatus != 0 && exitStatus != refusedByServer) return exitStatus;
-  return status != 0 ? status : couldNotBegin;
+
+  int status = 0;
+  std::string version, size, framing;
+  std::istringstream(response) >> status >> version >> size >> framing;
+  if (status == 0) return couldNotBegin;
+  if (exitStatus != 0 || status != ok) return status;
+  return isKnownToBeWhole(version, size, framing) ? Download::whole : partOfFile;
 }
 
 }  // namespace
@@ -37,13 +53,35 @@ int Download::start(const std::string& address, const std::string& destination) 
   // Or it would go on writing to the file after this service has died.
   g_subprocess_launcher_set_child_setup(
       launcher.get(), [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
-  const char* command[] = {"/usr/bin/curl", "--disable",  // reads no settings; has to come first
-                           "--silent", "--fail", "--globoff", "--location", "--max-redirs", "10",  //
-                           "--proto", "=https", "--proto-redir", "=https", "--noproxy", "*",       //
-                           "--cacert", "/etc/ssl/certs/ca-certificates.crt",
-                           "--capath", "/dev/null",  // or it trusts what lies in a directory as well
-                           "--connect-timeout", "30", "--speed-limit", "1", "--speed-time", "30",  //
-                           "--write-out", "%{stderr}%{response_code}", "--", address.c_str(), nullptr};
+  const char* command[] = {"/usr/bin/curl",
+                           "--disable",  // reads no settings; has to come first
+                           "--silent",
+                           "--fail",
+                           "--globoff",
+                           "--location",
+                           "--max-redirs",
+                           "10",  //
+                           "--proto",
+                           "=https",
+                           "--proto-redir",
+                           "=https",
+                           "--noproxy",
+                           "*",  //
+                           "--cacert",
+                           "/etc/ssl/certs/ca-certificates.crt",
+                           "--capath",
+                           "/dev/null",  // or it trusts what lies in a directory as well
+                           "--connect-timeout",
+                           "30",
+                           "--speed-limit",
+                           "1",
+                           "--speed-time",
+                           "30",  //
+                           "--write-out",
+                           responseFormat,
+                           "--",
+                           address.c_str(),
+                           nullptr};
   process_.reset(g_subprocess_launcher_spawnv(launcher.get(), command, nullptr));
   if (!process_) return couldNotBegin;
   g_subprocess_communicate_utf8_async(process_.get(), nullptr, nullptr, onEnd, this);
@@ -56,11 +94,11 @@ void Download::stop() {
 }
 
 void Download::onEnd(GObject* process, GAsyncResult* result, gpointer self) {
-  char* status = nullptr;
-  g_subprocess_communicate_utf8_finish(G_SUBPROCESS(process), result, nullptr, &status, nullptr);
-  const std::unique_ptr<char, decltype(&g_free)> owned(status, g_free);
+  char* response = nullptr;
+  g_subprocess_communicate_utf8_finish(G_SUBPROCESS(process), result, nullptr, &response, nullptr);
+  const std::unique_ptr<char, decltype(&g_free)> owned(response, g_free);
   auto& download = *static_cast<Download*>(self);
-  const int code = errorCode(G_SUBPROCESS(process), status == nullptr ? 0 : std::atoi(status));
+  const int code = errorCode(G_SUBPROCESS(process), response == nullptr ? "" : response);
   const auto ended = std::move(download.ended_);
   ended(download.stopped_ ? stopped : code);
 }

@@ -117,9 +117,9 @@ void TransferServiceImpl::State::stop() {
 
 bool TransferServiceImpl::State::call(const char* interface, const char* method, GVariant* arguments) const {
   GError* failure = nullptr;
-  const kbus::Variant reply(g_dbus_connection_call_sync(
-      bus, service::name, path.c_str(), interface, method, arguments, nullptr,
-      G_DBUS_CALL_FLAGS_NO_AUTO_START, kbus::callTimeoutMilliseconds, nullptr, &failure));
+  const kbus::Variant reply(g_dbus_connection_call_sync(bus, service::name, path.c_str(), interface, method,
+                                                        arguments, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START,
+                                                        kbus::callTimeoutMilliseconds, nullptr, &failure));
   const kbus::Error error(failure);
   if (!reply) syslog(LOG_ERR, "kbus: %s: %s", service::name, error->message);
   return reply != nullptr;
@@ -170,8 +170,8 @@ Transfer* TransferServiceImpl::initiateTransfer(TransferRequestDescImpl* request
   auto handle = std::make_unique<Handle>(++state_->lastId);
   state_->listen(handle->id, wanted.listener);
   wanted.listener->setTransfer(handle.get());
-  if (state_->call("Initiate", g_variant_new("(i^ay^ay)", handle->id, wanted.sourceAddress,
-                                             wanted.destinationPath))) {
+  if (state_->call("Initiate",
+                   g_variant_new("(i^ay^ay)", handle->id, wanted.sourceAddress, wanted.destinationPath))) {
     return handle.release();
   }
   state_->forget(handle->id);

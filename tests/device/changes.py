@@ -16,6 +16,7 @@ BUNDLE_FAILED = "W def:zeloinstall:ZeloInstallerBundleMetadata:bundle download f
 DEV_REFUSED = "E def:zeloinstall:zeloinstallerbundle:validation failed against dev key due to "
 NO_COMMAND = "failed to execute command"
 LOST = "download failed"
+NOT_TAKEN = "initiating download failed"
 ANOTHER = "I def:zeloinstall:main:one more instance of zeloinstall is running. Exiting"
 REFUSED = "http/loopback address not allowed"
 

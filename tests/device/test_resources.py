@@ -34,7 +34,8 @@ def code_of(run: Run) -> str | None:
 @needs_mounts
 @pytest.mark.parametrize("mount, number", [(read_only("/tmp"), 30), (tmpfs("/tmp", "64k,nr_inodes=1"), 28)])
 def test_no_work_directory(device: VirtualDevice, mount: str, number: int) -> None:
-    run = device.start(mounts=[mount])
+    device.restart_transfers([mount])
+    run = device.start()
     assert run.wait() == 1
     assert device.log_lines() == [ended(f"unable to create temp directory. errno {number}")]
 
@@ -44,7 +45,8 @@ def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
     """With a page more each time: none for the signature, the archive, its decoded signature, run.sh."""
     device.publish(device.make_bundle(script=SCRIPT))
     for pages, code in enumerate(["02", "02", "00", "01", None], start=1):
-        run = device.start(mounts=[tmpfs("/tmp", str(pages * os.sysconf("SC_PAGE_SIZE")))])
+        device.restart_transfers([tmpfs("/tmp", str(pages * os.sysconf("SC_PAGE_SIZE")))])
+        run = device.start()
         assert (run.wait(), code_of(run)) == (0, code)
         assert device.path(INSTALLED).exists() == (code is None)
 
@@ -52,7 +54,8 @@ def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
 @needs_mounts
 def test_tar_runs_out_of_space_half_way(device: VirtualDevice) -> None:
     device.publish(device.make_bundle(script=SCRIPT, files={"a": bytes(1 << 20), "b": bytes(1 << 20)}))
-    run = device.start(mounts=[tmpfs("/tmp", "1500k")])
+    device.restart_transfers([tmpfs("/tmp", "1500k")])
+    run = device.start()
     assert (run.wait(), code_of(run)) == (0, "01") and not device.path(INSTALLED).exists()
 
 
@@ -62,6 +65,7 @@ def test_tar_runs_out_of_space_half_way(device: VirtualDevice) -> None:
     ("/usr/bin/openssl", "00"), ("/bin/tar", "01"), ("/var/run/zeloinstall.pid", None)])
 def test_unreadable(device: VirtualDevice, path: str, code: str | None) -> None:
     device.admit(USER)
+    device.restart_transfers(user=USER)
     device.write(path, device.path(path).read_bytes() if device.path(path).exists() else "", 0)
     run = device.start(user=USER)
     assert (run.wait(), code_of(run)) == (1 if code is None else 0, code)
@@ -79,6 +83,7 @@ def test_limits(device: VirtualDevice, kind: int, limits: range, user: int) -> N
     """From next to nothing to more than enough."""
     if user:
         device.admit(user)
+        device.restart_transfers(user=user)
     bundles = {key == "prod": device.make_bundle(key, script=SCRIPT) for key in ("prod", "stranger")}
     outcomes: Counter[str | None] = Counter()
     for limit, verifiable in itertools.product(limits, bundles):

@@ -14,7 +14,7 @@ from device.https_server import Content, Drop, Redirect, Stall, Status
 from device.virtual_device import ARCHIVE, DOCUMENT, MARKER, VirtualDevice
 
 from changes import (ANOTHER, AUTHORITIES, BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND,
-                     PROD, REFUSED, SEND_EVENT, SET_PROP, STAGES, answer, archive, both, bundle_address,
+                     NOT_TAKEN, PROD, REFUSED, SEND_EVENT, SET_PROP, STAGES, answer, archive, both, bundle_address,
                      defaulted, directory, document, ended, key_file, lines_of, other_authority, reported,
                      script, setting, tool)
 
@@ -60,6 +60,11 @@ ROWS = [
 
     Row("longest time limit", setting(TIMEOUT, "2147483647"), [*STAGES, END]),
 
+    Row("no transfer service", lambda d: d.transfers.stop(),
+        ["E def:TransferServiceWrapper:Transfer Service initialization failed:", STAGES[0],
+         METADATA_FAILED + NOT_TAKEN, reported(NOT_TAKEN, "02"), END], ["load = zelo", "showError 02"]),
+    failing("deferred", lambda d: d.defer_transfers(5), 1, LOST, "02", METADATA_FAILED + LOST),
+
     failing("no template", setting(TEMPLATE, None), 1, "key does not exist", "99"),
     failing("template with %d", setting(TEMPLATE, "https://bundles.zelo.example/%d"), 1,
             "invalid metadata url template", "99"),
@@ -85,6 +90,10 @@ ROWS = [
 
     failing("bundle missing", answer(ARCHIVE, Status(404)), 2, LOST, "02", BUNDLE_FAILED + LOST),
     failing("bundle cut short", answer(ARCHIVE, Drop(b"abc")), 2, LOST, "02", BUNDLE_FAILED + LOST),
+    failing("bundle of unknown length cut short", answer(ARCHIVE, Drop(b"abc", with_length=False)), 2, LOST,
+            "02", BUNDLE_FAILED + LOST),
+    *[failing(f"bundle with status {code}", answer(ARCHIVE, Status(code)), 2, LOST, "02",
+              BUNDLE_FAILED + LOST) for code in (202, 204, 206)],
     failing("redirect to http", answer(ARCHIVE, Redirect("http://bundles.zelo.example/b")), 2, LOST, "02",
             BUNDLE_FAILED + LOST),
 
@@ -126,8 +135,8 @@ ROWS = [
         "/usr/bin/openssl": (3, NO_COMMAND, "00"), "/bin/tar": (4, NO_COMMAND, "01")}.items()],
     failing("run.sh a directory", archive(("run.sh/x", 0o755, b"")), 5, NO_COMMAND, "03"),
     Row("pid file a directory", directory("/var/run/zeloinstall.pid"), [
-        "singleton: unable to open /var/run/zeloinstall.pid: Is a directory", ANOTHER,
-        ended("one more instance of zeloinstall is running.")], status=1),
+        "singleton: unable to open /var/run/zeloinstall.pid: Is a directory", ANOTHER],
+        status=1),
 ]
 
 

@@ -53,35 +53,16 @@ int Download::start(const std::string& address, const std::string& destination) 
   // Or it would go on writing to the file after this service has died.
   g_subprocess_launcher_set_child_setup(
       launcher.get(), [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
-  const char* command[] = {"/usr/bin/curl",
-                           "--disable",  // reads no settings; has to come first
-                           "--silent",
-                           "--fail",
-                           "--globoff",
-                           "--location",
-                           "--max-redirs",
-                           "10",  //
-                           "--proto",
-                           "=https",
-                           "--proto-redir",
-                           "=https",
-                           "--noproxy",
-                           "*",  //
-                           "--cacert",
-                           "/etc/ssl/certs/ca-certificates.crt",
-                           "--capath",
-                           "/dev/null",  // or it trusts what lies in a directory as well
-                           "--connect-timeout",
-                           "30",
-                           "--speed-limit",
-                           "1",
-                           "--speed-time",
-                           "30",  //
-                           "--write-out",
-                           responseFormat,
-                           "--",
-                           address.c_str(),
-                           nullptr};
+  // clang-format off
+  const char* command[] = {
+      "/usr/bin/curl", "--disable",  // reads no settings of its own; has to come first
+      "--silent", "--fail", "--globoff", "--noproxy", "*",
+      "--location", "--max-redirs", "10", "--proto", "=https", "--proto-redir", "=https",
+      // Without another directory of authorities it would trust what lies in the usual one as well.
+      "--cacert", "/etc/ssl/certs/ca-certificates.crt", "--capath", "/dev/null",
+      "--connect-timeout", "30", "--speed-limit", "1", "--speed-time", "30",
+      "--write-out", responseFormat, "--", address.c_str(), nullptr};
+  // clang-format on
   process_.reset(g_subprocess_launcher_spawnv(launcher.get(), command, nullptr));
   if (!process_) return couldNotBegin;
   g_subprocess_communicate_utf8_async(process_.get(), nullptr, nullptr, onEnd, this);

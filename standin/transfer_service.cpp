@@ -21,6 +21,7 @@ namespace {
 constexpr const char* directory = "/run/transfer";
 constexpr const char* deferralFile = "/run/transfer/deferred";
 constexpr int transferring = 4;
+constexpr guint lookMilliseconds = 50;
 
 int readDeferredCode() {
   int code = 0;
@@ -45,7 +46,7 @@ class TransferService {
  public:
   void begin(GDBusConnection* bus) {
     bus_ = bus;
-    deferredCode_ = readDeferredCode();
+    putOff(readDeferredCode());
   }
   void handle(const std::string& client, std::string_view method, GVariant* arguments,
               GDBusMethodInvocation* call);
@@ -168,9 +169,9 @@ void ownerChanged(GDBusConnection* /*bus*/, const gchar* /*sender*/, const gchar
   if (*newOwner == '\0') static_cast<TransferService*>(service)->clientIsGone(name);
 }
 
-void deferralChanged(GFileMonitor* /*monitor*/, GFile* /*file*/, GFile* /*other*/,
-                     GFileMonitorEvent /*event*/, gpointer service) {
+gboolean lookForDeferral(gpointer service) {
   static_cast<TransferService*>(service)->putOff(readDeferredCode());
+  return G_SOURCE_CONTINUE;
 }
 
 void prepare(GDBusConnection* bus, gpointer service) {
@@ -184,11 +185,8 @@ void prepare(GDBusConnection* bus, gpointer service) {
 
 int main() {
   mkdir(directory, 0755);
-  const std::unique_ptr<GFile, kbus::Unref> file(g_file_new_for_path(deferralFile));
-  const std::unique_ptr<GFileMonitor, kbus::Unref> monitor(
-      g_file_monitor_file(file.get(), G_FILE_MONITOR_NONE, nullptr, nullptr));
   TransferService service;
-  if (monitor) g_signal_connect(monitor.get(), "changed", G_CALLBACK(deferralChanged), &service);
+  g_timeout_add(lookMilliseconds, lookForDeferral, &service);
   return kbus::serve(xfr::service::name, xfr::service::description, {handleCall, nullptr, nullptr, {}},
                      &service, prepare);
 }

@@ -12,7 +12,7 @@ from device.gate import Gate
 from device.https_server import Status
 from device.virtual_device import DOCUMENT, VirtualDevice
 
-from changes import LOST, NO_COMMAND, reported
+from changes import LOST, reported
 
 STRANGER = 65534
 ATTACKS = """
@@ -51,10 +51,8 @@ def test_verified_archive_cannot_be_replaced(device: VirtualDevice, gate: Gate) 
     assert attack(str(work)) == ["done", not_owner, not_owner, no, "done", "done"]
 
 
-@pytest.mark.parametrize("planted, message, code", [
-    ("zelo_installer_meta.json", LOST, "02"), ("zelo_installer.tar.gz.sig", NO_COMMAND, "00"),
-    ("zelo_installer.tar.gz", LOST, "02"), ("zelo_installer.tar.gz.sig.sha256", NO_COMMAND, "00")])
-def test_planted_link_is_not_followed(device: VirtualDevice, planted: str, message: str, code: str) -> None:
+@pytest.mark.parametrize("planted", ["zelo_installer_meta.json", "zelo_installer.tar.gz"])
+def test_planted_link_is_not_followed(device: VirtualDevice, planted: str) -> None:
     """Planted in the pause behind a first attempt that has failed."""
     device.server.answer(DOCUMENT, Status(503), device.server.answer_for(DOCUMENT))
     device.set_pref(RETRIES, "1")
@@ -64,5 +62,5 @@ def test_planted_link_is_not_followed(device: VirtualDevice, planted: str, messa
     link = device.work_directories()[0] / planted
     link.unlink(missing_ok=True)
     link.symlink_to("/run/precious")
-    assert run.wait() == 0 and reported(message, code) in run.log_lines()
+    assert run.wait() == 0 and reported(LOST, "02") in run.log_lines()
     assert device.path("/run/precious").read_text() == "precious"

@@ -43,11 +43,14 @@ kbus::Connection connectInTime(kbus::Error& error) {
     const kbus::BlockSignals block;
     connecting = std::async(std::launch::async, [&] { return kbus::connect(cancellable.get(), error); });
   }
-  if (connecting.wait_for(std::chrono::milliseconds(kbus::callTimeoutMilliseconds)) !=
-      std::future_status::ready) {
-    g_cancellable_cancel(cancellable.get());
+  const bool inTime = connecting.wait_for(std::chrono::milliseconds(kbus::callTimeoutMilliseconds)) ==
+                      std::future_status::ready;
+  if (!inTime) g_cancellable_cancel(cancellable.get());
+  kbus::Connection connection = connecting.get();
+  if (!connection && !inTime) {
+    error.reset(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "the bus does not answer"));
   }
-  return connecting.get();
+  return connection;
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ target_compile_options(zelo_options INTERFACE
   -fstack-protector-strong
   -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
   -ffunction-sections -fdata-sections
-  # The same bytes wherever they are built; of two options that fit, the last counts.
+  # The same bytes wherever they are built. The build directory comes last: it may lie inside the sources.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)
 target_link_options(zelo_options INTERFACE
   -Wl,-z,relro,-z,now,-z,noexecstack

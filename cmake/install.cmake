@@ -10,8 +10,7 @@ endif()
 
 # Written while installing: only then is the prefix certain.
 install(CODE "
-  set(ZELO_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\")
-  cmake_path(ABSOLUTE_PATH ZELO_SBINDIR BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\")
+  get_filename_component(ZELO_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\" ABSOLUTE BASE_DIR \"\${CMAKE_INSTALL_PREFIX}\")
   configure_file(\"${PROJECT_SOURCE_DIR}/doc/zeloinstall.service.in\"
                  \"${PROJECT_BINARY_DIR}/doc/zeloinstall.service\" @ONLY)")
 install(FILES ${PROJECT_BINARY_DIR}/doc/zeloinstall.service DESTINATION lib/systemd/system)

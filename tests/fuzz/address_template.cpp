@@ -8,7 +8,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
   const std::string text(data, size);
   try {
-    if (zelo::expandAddressTemplate(text, "1", "package%20name").size() > zelo::maxMetadataUrlLength) std::abort();
+    if (zelo::expandAddressTemplate(text, "1", "package%20name").size() > zelo::maxMetadataUrlLength)
+      std::abort();
   } catch (const std::runtime_error&) {
     if (text.find('%') == std::string::npos) std::abort();
   }

@@ -31,13 +31,13 @@ def make_bundle(key: Path, url: str, script: str = SUCCEEDING_SCRIPT,
     """A bundle with `script` as its run.sh and further files, signed with the private `key`."""
     with TemporaryDirectory(prefix="zb.") as name:
         source, output = Path(name, "source"), Path(name, "output")
-        output.mkdir()
         for path, content in {"run.sh": script.encode(), **(files or {})}.items():
             file = source / path
             file.parent.mkdir(parents=True, exist_ok=True)
             file.write_bytes(content)
         (source / "run.sh").chmod(0o755)
-        subprocess.run([TOOL, "--key", key, "--url", url, "--output", output, source], check=True)
+        subprocess.run([TOOL, "--key", key, "--url", url, "--output", output, source], check=True,
+                       stdout=subprocess.DEVNULL)
         return Bundle((output / "zelo_installer.tar.gz").read_bytes(),
                       (output / "zelo_installer_meta.json").read_bytes())
 

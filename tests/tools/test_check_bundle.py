@@ -1,77 +1,28 @@
-"""What the checking tool finds in bundles, one table row for each kind of fault."""
+"""What the checking tool says of bundles; where a device can tell, it must agree."""
 
 import gzip
 import io
 import json
+import lzma
+import re
 import subprocess
 import tarfile
+from collections.abc import Callable, Iterator
+from dataclasses import replace
 from pathlib import Path
 
 import pytest
 
-from device.bundles import TOOL, Bundle, make_bundle, sign
-from device.keys import Keys
+from device.bundles import TOOL, Bundle
+from device.virtual_device import VirtualDevice
 
-CHECKER = TOOL.with_name("check-bundle")
-URL = "https://bundles.zelo.example/b"
+KEY = "/etc/zelo/pubkeyprod.pem"
 
-
-@pytest.fixture
-def check(build: Path, tmp_path: Path):
-    """Runs the tool on a bundle; the key is a name or a path."""
-    def run(bundle: Bundle, key: str | Path = "prod") -> subprocess.CompletedProcess:
-        document, archive = tmp_path / "document.json", tmp_path / "bundle.tar.gz"
-        document.write_bytes(bundle.document)
-        archive.write_bytes(bundle.archive)
-        key = Keys(build / "device" / "keys").public(key) if isinstance(key, str) else key
-        return subprocess.run([CHECKER, document.name, archive.name, key], cwd=tmp_path, text=True,
-                              capture_output=True, check=False)
-    return run
+Change = Callable[[VirtualDevice], Bundle]
+Member = tuple[tarfile.TarInfo, bytes]
 
 
-@pytest.fixture
-def key(build: Path) -> Path:
-    return Keys(build / "device" / "keys").private("prod")
-
-
-def test_accepts_what_the_maker_makes(check, key: Path) -> None:
-    done = check(make_bundle(key, URL, files={"d/e/file": b"x"}))
-    assert (done.returncode, done.stdout, done.stderr) == (0, "bundle.tar.gz: ok\n", "")
-
-
-def with_members(**changes):
-    """Changes members of the document; None takes one away."""
-    def change(text: bytes) -> bytes:
-        members = {**json.loads(text), **changes}
-        return json.dumps({name: value for name, value in members.items() if value is not None}).encode()
-    return change
-
-
-DOCUMENTS = {
-    "not JSON": (lambda _: b"{", "not JSON"),
-    "not UTF-8": (lambda text: text.decode().encode("utf-16"), "not JSON in UTF-8"),
-    "too deep": (lambda _: b"[" * 100000, "not JSON"),
-    "no JSON number": (lambda text: text.replace(b"}", b', "x": NaN}'), "NaN"),
-    "a list": (lambda _: b"[]", "not a JSON object"),
-    "twice": (lambda text: text.replace(b"}", b', "url": "https://a/"}'), "appears twice"),
-    "no url": (with_members(url=None), "no string member url"),
-    "http": (with_members(url="http://a/"), "https only"),
-    "its own address": (with_members(url="https://127.0.0.1/"), "own address"),
-    "signature a number": (with_members(signature=1), "no string member signature"),
-    "no base64": (with_members(signature="?"), "empty or not base64"),
-    "no signature": (with_members(signature=""), "empty or not base64"),
-    "other signature": (with_members(signature="AAAA"), "does not verify"),
-}
-
-
-@pytest.mark.parametrize("change, finding", DOCUMENTS.values(), ids=DOCUMENTS)
-def test_finds_what_is_wrong_with_the_document(check, key: Path, change, finding: str) -> None:
-    good = make_bundle(key, URL)
-    done = check(Bundle(good.archive, change(good.document)))
-    assert (done.returncode, done.stderr, done.stdout.count("\n")) == (1, "", 1) and finding in done.stdout
-
-
-def member(name: str, content: bytes = b"", mode: int = 0o755, **fields) -> tuple[tarfile.TarInfo, bytes]:
+def member(name: str, content: bytes = b"", mode: int = 0o755, **fields: object) -> Member:
     info = tarfile.TarInfo(name)
     info.mode, info.size = mode, len(content)
     for field, value in fields.items():
@@ -79,14 +30,11 @@ def member(name: str, content: bytes = b"", mode: int = 0o755, **fields) -> tupl
     return info, content
 
 
-def link(name: str, target: str, kind: bytes = tarfile.SYMTYPE) -> tuple[tarfile.TarInfo, bytes]:
+def link(name: str, target: str, kind: bytes = tarfile.SYMTYPE) -> Member:
     return member(name, type=kind, linkname=target)
 
 
-RUN = member("run.sh", b"#!/bin/sh\n")
-
-
-def packed(*members: tuple[tarfile.TarInfo, bytes]) -> bytes:
+def packed(*members: Member) -> bytes:
     file = io.BytesIO()
     with tarfile.open(mode="w:gz", fileobj=file) as tar:
         for info, content in members:
@@ -94,42 +42,123 @@ def packed(*members: tuple[tarfile.TarInfo, bytes]) -> bytes:
     return file.getvalue()
 
 
-ARCHIVES = {
-    "not gzip": (gzip.decompress(packed(RUN)), "does not unpack"),
-    "cut short": (packed(RUN)[:-20], "does not unpack"),
-    "something behind": (packed(RUN) + b"garbage", "does not unpack"),
-    "no script": (packed(member("d/run.sh", b"#!/bin/sh\n")), "run.sh: No such file"),
-    "script a link": (packed(member("r", b"#!/bin/sh\n"), link("run.sh", "r")), "run.sh: not a regular file"),
-    "not executable": (packed(member("run.sh", b"#!/bin/sh\n", 0o644)), "run.sh: not executable"),
-    "no interpreter": (packed(member("run.sh", b"exit 0\n")), "run.sh: does not begin"),
-    "line ends": (packed(member("run.sh", b"#!/bin/sh\r\n")), "run.sh: has CRLF"),
-    "absolute name": (packed(RUN, member("/x")), "member '/x': the name leads out"),
-    "name upwards": (packed(RUN, member("d/../../x")), "member 'd/../../x': the name leads out"),
-    "link upwards": (packed(RUN, link("d/x", "../../y")), "member 'd/x': a link to '../../y'"),
-    "absolute link": (packed(RUN, link("x", "/etc/passwd")), "member 'x': a link to '/etc/passwd'"),
-    "link through a link": (packed(RUN, link("here", "."), link("x", "here/..")), "member 'x': a link to"),
-    "hard link": (packed(RUN, link("x", "../y", tarfile.LNKTYPE)), "member 'x': a hard link to '../y'"),
-    "pipe": (packed(RUN, member("x", type=tarfile.FIFOTYPE)), "member 'x': neither a file"),
-    "user": (packed(RUN, member("x", uid=1000)), "member 'x': belongs to 1000:0"),
-    "user by name": (packed(RUN, member("x", uname="joe")), "member 'x': belongs to joe:0 (0:0)"),
-    "name of the daemon's": (packed(RUN, member("./zelo_installer.tar.gz")), "the daemon's own"),
-    "the directory itself": (packed(member("./", type=tarfile.DIRTYPE), RUN), "work directory the mode 0755"),
+RUN = member("run.sh", b"#!/bin/sh\n")
+GOOD = packed(RUN)
+TAR = gzip.decompress(GOOD)
+
+
+def script(text: bytes, mode: int = 0o755) -> bytes:
+    return packed(member("run.sh", text, mode))
+
+
+def text(change: Callable[[bytes], bytes]) -> Change:
+    return lambda d: replace(good := d.sign(GOOD), document=change(good.document))
+
+
+def value(name: str, change: Callable[[str], object]) -> Change:
+    return text(lambda old: json.dumps({**json.loads(old), name: change(json.loads(old)[name])}).encode())
+
+
+def other_key(device: VirtualDevice) -> Bundle:
+    device.install_key(KEY, "dev")
+    return device.sign(GOOD)
+
+
+# An archive or another change, the code that a device shows (... where they differ), what the tool says.
+ROWS: dict[str, tuple[bytes | Change, object, str]] = {
+    "not JSON": (text(lambda _: b"{"), "02", "error: not JSON"),
+    "not UTF-8": (text(lambda old: old.replace(b"}", b', "x": "\xff"}')), None, "warning: not all of it"),
+    "too deep": (text(lambda _: b"[" * 100000), "02", "error: not JSON"),
+    "no JSON number": (text(lambda old: old.replace(b"}", b', "x": NaN}')), "02", "error: not JSON: NaN"),
+    "more after it": (text(lambda old: old + b"garbage"), None, "warning: something follows"),
+    "arguments swapped": (text(lambda _: GOOD), "02", "arguments swapped?"),
+    "good, then bad": (text(lambda old: old.replace(b"}", b', "url": 1}')), None, "warning: a member"),
+    "bad, then good": (text(lambda old: b'{"url": "http://a/", ' + old[1:]), "02", "error: address http"),
+    "null character": (value("url", lambda url: f"{url}\0/x"), None, "warning: member url holds"),
+    "url a number": (value("url", lambda _: 1), "02", "error: no string member url"),
+    "blank": (value("url", lambda url: f"{url} x"), "02", "holds a blank"),
+    "its own name": (value("url", lambda _: "https://%6cocalHost:1/x"), "02", "their own address localhost"),
+    "its own number": (value("url", lambda _: "https://127.999.0.1/x"), "02", "their own address 127.999"),
+    "no host": (value("url", lambda _: "https:///x"), "02", "no host"),
+
+    "no signature": (value("signature", lambda _: ""), "00", "error: the signature is empty"),
+    "url-safe": (value("signature", lambda old: "-" + old[1:]), "00", "or not base64"),
+    "no padding": (value("signature", lambda old: old.rstrip("=")), ..., "base64"),
+    "folded": (value("signature", lambda old: f"{old[:76]}\n{old[76:]}\n"), None, "bundle.tar.gz: ok"),
+    "other key": (other_key, "00", "error: the signature does not verify"),
+
+    "empty": (b"", "01", "error: does not unpack: it is empty"),
+    "not compressed": (TAR, "01", "but not compressed with gzip"),
+    "xz": (lzma.compress(TAR), "01", "with xz, not gzip"),
+    "cut short": (GOOD[:-20], "01", "gzip: stdin: unexpected end of file"),
+    "checksum": (GOOD[:-8] + bytes(4) + GOOD[-4:], "01", "crc error"),
+    "trailing bytes": (GOOD + b"garbage", "01", "trailing garbage"),
+    "name upwards": (packed(RUN, member("d/../x")), "01", "Member name contains '..'"),
+    "through a link": (packed(RUN, link("x", "/tmp"), member("x/y")), "01", "x/y: Cannot open"),
+    "absolute name": (packed(RUN, member("/x")), None, "warning: member '/x': the name is absolute"),
+    "link to a link": (packed(RUN, link("x", "../y"), link("h", "x", tarfile.LNKTYPE)), None,
+                       "warning: member 'h': a link to '../y', out of"),
+    "pipe": (packed(RUN, member("x", type=tarfile.FIFOTYPE)), None, "warning: member 'x': neither a file"),
+    "the daemon's": (packed(RUN, member("./zelo_installer.tar.gz")), None, "warning: member './zelo_"),
+    "in its way": (packed(RUN, member("zelo_installer.tar.gz/x")), "01", "error: does not unpack"),
+    "itself": (packed(member(".", type=tarfile.DIRTYPE, mode=0), RUN), None, "work directory the mode 0000"),
+    "closed directory": (packed(RUN, member("d", type=tarfile.DIRTYPE, mode=0), member("d/x")), None, ": ok"),
+
+    "no script": (packed(member("d/run.sh", b"#!/bin/sh\n")), "03", "error: run.sh: No such file"),
+    "link": (packed(member("r", b"#!/bin/sh\n"), link("run.sh", "r")), None, "bundle.tar.gz: ok"),
+    "link out": (packed(link("run.sh", "/bin/sh")), None, "warning: run.sh: a link out of the directory"),
+    "not executable": (script(b"#!/bin/sh\n", 0o644), "03", "error: run.sh: not executable"),
+    "not readable": (script(b"#!/bin/sh", 0o100), None, "bundle.tar.gz: ok"),
+    "no interpreter": (script(b"exit 0\n"), "03", "error: run.sh: does not begin"),
+    "relative": (script(b"#!sh\n"), "03", "error: run.sh: the interpreter sh has no absolute path"),
+    "carriage return": (script(b"#!/bin/sh\r"), "03", "error: run.sh: the interpreter line holds"),
+    "quoted line end": (script(b"#!/bin/sh\n: 'a\r\nb'\nexit 0\n\1\r\n"), None, "warning: run.sh: has lines"),
+    "run by a directory": (script(b"#!/tmp\n"), "03", "error: run.sh: the interpreter /tmp is no program"),
+    "long name": (script(b"#!" + b"/" * 297 + b"bin/sh\n"), "03", "longer than kernels read"),
+    "longish name": (script(b"#!" + b"/" * 240 + b"bin/sh\n"), None, "longer than kernels before 5.1 read"),
+    "program": (script(Path("/bin/true").read_bytes()), None, "warning: run.sh: a program, which"),
 }
 
 
-@pytest.mark.parametrize("archive, finding", ARCHIVES.values(), ids=ARCHIVES)
-def test_finds_what_is_wrong_with_the_archive(check, key: Path, archive: bytes, finding: str) -> None:
-    done = check(sign(key, URL, archive))
-    assert (done.returncode, done.stderr) == (1, "") and finding in done.stdout and "verif" not in done.stdout
+@pytest.fixture(scope="module")
+def device(build: Path) -> Iterator[VirtualDevice]:
+    with VirtualDevice(build) as device:
+        device.set_pref("zelo.installer.download.retries", "0")
+        yield device
 
 
-def test_names_every_fault(check, key: Path) -> None:
-    bad = sign(key, "ftp://a/", packed(member("x", uid=1, type=tarfile.FIFOTYPE)))
-    assert check(bad, "dev").stdout.count("\n") == 5
-    good = make_bundle(key, URL)
-    for wrong_key, finding in ((key, "cannot be verified"), (key / "none", "not a readable file"),
-                               ("stranger", "does not verify")):
-        done = check(good, wrong_key)
-        assert (done.returncode, done.stdout.count("\n")) == (1, 1) and finding in done.stdout
-    assert "does not verify" in check(good.tampered()).stdout
-    assert subprocess.run([CHECKER], capture_output=True, check=False).returncode == 2
+def check(directory: Path, bundle: Bundle, key: Path, *options: str) -> subprocess.CompletedProcess[str]:
+    (directory / "document.json").write_bytes(bundle.document)
+    (directory / "bundle.tar.gz").write_bytes(bundle.archive)
+    return subprocess.run([TOOL.with_name("check-bundle"), *options, "document.json", "bundle.tar.gz", key],
+                          cwd=directory, text=True, capture_output=True, check=False)
+
+
+@pytest.mark.parametrize("change, code, says", ROWS.values(), ids=ROWS)
+def test_agrees_with_a_device(device: VirtualDevice, tmp_path: Path, change: bytes | Change, code: object,
+                              says: str) -> None:
+    device.install_key(KEY, "prod")
+    seen = len(device.shell_lines())
+    bundle = device.sign(change) if isinstance(change, bytes) else change(device)
+    device.publish(bundle)
+    assert device.start().wait() == 0
+    shown = re.findall(r"showError (\d\d)", str(device.shell_lines()[seen:]))
+    done = check(tmp_path, bundle, device.path(KEY))
+    assert code in (*(shown or [None]), ...)
+    assert (done.returncode, done.stderr) == (len(shown), "") and says in done.stdout, done.stdout
+
+
+def test_what_no_device_tells(device: VirtualDevice, tmp_path: Path) -> None:
+    public, private = device.keys.public("prod"), device.keys.private("prod")
+    owned = device.sign(packed(RUN, member("x", uname="joe")))
+    for host in ("[::1]", "127.1", "localhost.", "[::ffff:127.0.0.1]", "0"):
+        done = check(tmp_path, value("url", lambda _: f"https://{host}/")(device), public)
+        assert done.returncode == 0 and "own address" in done.stdout
+    for bundle, key, option, status, says in (
+            (owned, public, (), 0, "warning: member 'x': belongs to joe:0 (0:0)"),
+            (owned, public, ("--strict",), 1, "warning: member 'x'"),
+            (owned, private, (), 1, "error: a private key"),
+            (owned, device.path("/etc/ssl/certs/ca-certificates.crt"), (), 1, "error: a certificate"),
+            (owned, device.path(KEY + ".missing"), (), 2, "not a readable file")):
+        done = check(tmp_path, bundle, key, *option)
+        assert done.returncode == status and says in (done.stdout or done.stderr)

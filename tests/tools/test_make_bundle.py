@@ -1,99 +1,143 @@
-"""What the bundle tool makes, and that it leaves nothing when it refuses."""
+"""What the bundle tool makes, that it leaves nothing when it refuses, and how the tools end."""
 
-import base64
-import json
+import hashlib
 import os
+import signal
+import socket
 import subprocess
 import tarfile
+import time
+from collections.abc import Callable
 from pathlib import Path
+from typing import Any
 
 import pytest
 
 from device.bundles import TOOL
-from device.keys import Keys
 
-URL = "https://bundles.zelo.example/zelo_installer.tar.gz"
-
-
-@pytest.fixture
-def source(tmp_path: Path) -> Path:
-    """A good source directory beside an empty directory `output`."""
-    (tmp_path / "output").mkdir()
-    (tmp_path / "source" / "data").mkdir(parents=True)
-    (tmp_path / "source" / "data" / "file").write_text("content")
-    (tmp_path / "source" / "run.sh").write_text("#!/bin/sh\nexit 0\n")
-    (tmp_path / "source" / "run.sh").chmod(0o755)
-    return tmp_path / "source"
+DOCUMENT, ARCHIVE = Path("new/output/zelo_installer_meta.json"), Path("new/output/zelo_installer.tar.gz")
+TOKEN = Path("/usr/lib/softhsm/libsofthsm2.so")
+ENGINES = list(Path("/usr/lib").glob("*/engines-3/pkcs11.so"))
 
 
-@pytest.fixture
-def key(build: Path) -> Path:
-    return Keys(build / "device" / "keys").private("prod")
+@pytest.fixture(autouse=True)
+def here(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    """A directory with a source directory and an encrypted key."""
+    monkeypatch.chdir(tmp_path)
+    Path("source/data").mkdir(parents=True)
+    Path("source/data/file").write_text("content")
+    Path("source/run.sh").write_text("#!/bin/sh\n: 'a\r\nb'\n")
+    Path("source/run.sh").chmod(0o755)
+    Path("word").write_text("word\n")
+    make_key("key", "EC", "-pkeyopt", "ec_paramgen_curve:P-256")
 
 
-def make(source: Path, key: Path, url: str = URL) -> subprocess.CompletedProcess:
-    return subprocess.run([TOOL, "--key", key, "--url", url, "--output", source.parent / "output", source],
-                          capture_output=True, text=True, check=False)
+def make_key(name: str, *kind: str) -> None:
+    for step in (("genpkey", "-algorithm", *kind, "-aes256", "-pass", "file:word", "-out", name),
+                 ("pkey", "-in", name, "-passin", "file:word", "-pubout", "-out", f"{name}.pub")):
+        subprocess.run(["openssl", *step], check=True)
 
 
-def test_makes_the_same_signed_archive_again(source: Path, key: Path) -> None:
-    output = source.parent / "output"
-    assert make(source, key).returncode == 0
-    made = {path.name: path.read_bytes() for path in output.iterdir()}
-    assert set(made) == {"zelo_installer.tar.gz", "zelo_installer_meta.json"}
+def command(*options: str) -> list[str]:
+    signer = [] if {"--key", "--sign-command"} & {*options} else ["--key", "key", "--passphrase-file", "word"]
+    return [str(TOOL), "--url", "https://a.example/b", "--output", "new/output", *signer, *options, "source"]
 
-    document = json.loads(made["zelo_installer_meta.json"])
-    signature = source.parent / "signature"
-    signature.write_bytes(base64.b64decode(document["signature"], validate=True))
-    public = Keys(key.parent).public("prod")
-    subprocess.run(["openssl", "dgst", "-sha256", "-verify", public, "-signature", signature,
-                    output / "zelo_installer.tar.gz"], check=True)
-    with tarfile.open(output / "zelo_installer.tar.gz") as tar:
+
+def make(*options: str, **popen: Any) -> subprocess.CompletedProcess[str]:
+    streams: dict[str, Any] = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **popen}
+    return subprocess.run(command(*options), text=True, check=False, start_new_session=True, **streams)
+
+
+def check(*options: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([TOOL.with_name("check-bundle"), *options, DOCUMENT, ARCHIVE, "key.pub"], text=True,
+                          capture_output=True, check=False)
+
+
+def test_makes_the_same_signed_archive_again() -> None:
+    done = make()
+    assert (done.returncode, done.stderr.count("\n"), done.stdout.count("\n")) == (0, 1, 1)
+    assert "warning: run.sh: has lines" in done.stderr and "key: EC, 256 bits" in done.stdout
+    assert {path.name for path in ARCHIVE.parent.iterdir()} == {ARCHIVE.name, DOCUMENT.name}
+    with tarfile.open(ARCHIVE) as tar:
         assert [(m.name, m.uid, m.gid, m.uname) for m in tar] == [
             (name, 0, 0, "") for name in ("data", "data/file", "run.sh")]
+    made = ARCHIVE.read_bytes()
+    done = check("--info")
+    assert done.returncode == 0 and {
+        "address: https://a.example/b", "key: EC, 256 bits", "members: 3", f"packed: {len(made)} bytes",
+        "unpacked: 26 bytes", "room needed in /tmp: 32768 bytes", "interpreter: /bin/sh",
+        f"SHA-256: {hashlib.sha256(made).hexdigest()}"} <= {*done.stdout.splitlines()}
+    os.utime("source/run.sh", (1, 1))
+    assert make().returncode == 0 and ARCHIVE.read_bytes() == made
 
-    os.utime(source / "run.sh", (1, 1))
-    assert make(source, key).returncode == 0
-    assert {path.name: path.read_bytes() for path in output.iterdir()} == made
+
+def nothing() -> None:
+    pass
 
 
-REFUSED_SOURCES = {
-    "no script": (lambda s: (s / "run.sh").unlink(), "run.sh: No such file"),
-    "script a link": (lambda s: (s / "run.sh").rename(s / "r") and (s / "run.sh").symlink_to("r"), "regular"),
-    "not executable": (lambda s: (s / "run.sh").chmod(0o644), "not executable"),
-    "no interpreter": (lambda s: (s / "run.sh").write_text("exit 0\n"), "interpreter line"),
-    "relative interpreter": (lambda s: (s / "run.sh").write_text("#!sh\n"), "interpreter line"),
-    "line ends": (lambda s: (s / "run.sh").write_bytes(b"#!/bin/sh\r\nexit 0\r\n"), "CRLF"),
-    "name of the daemon's": (lambda s: (s / "zelo_installer.tar.gz.sig").touch(), "daemon's own"),
-    "pipe": (lambda s: os.mkfifo(s / "data" / "pipe"), "neither a file"),
-    "output inside": (lambda s: (s / "../output").rename(s / "o") and (s / "../output").symlink_to(s / "o"),
-                      "own directory"),
-    "document in the way": (lambda s: (s / "../output/zelo_installer_meta.json").mkdir(), "is a directory"),
+REFUSED: dict[str, tuple[Callable[[], object], tuple[str, ...], str]] = {
+    "by a rule": (lambda: Path("source/run.sh").chmod(0o644), (), "error: run.sh: not executable"),
+    "address": (nothing, ("--url", "http://a/"), "error: address http://a/"),
+    "output inside": (lambda: Path("o").symlink_to("source"), ("--output", "o/new"), "own directory"),
+    "in the way": (lambda: Path(f"o/{DOCUMENT.name}").mkdir(parents=True), ("--output", "o"), "a directory"),
+    "socket": (lambda: socket.socket(socket.AF_UNIX).bind("source/s"), (), "source/s: a socket"),
+    "no key": (nothing, ("--key", "source/run.sh"), "not a private key"),
+    "public key": (nothing, ("--key", "key.pub"), "key.pub: a public key; it is the private one"),
+    "useless key": (lambda: make_key("key", "ED25519"), (), "of the kind ED25519"),
+    "no passphrase": (nothing, ("--key", "key"), "see --passphrase-file"),
+    "bad passphrase": (nothing, ("--passphrase-file", "key.pub"), "the passphrase is wrong"),
+    "other public key": (lambda: make_key("other", "RSA"), ("--public-key", "other.pub"), "does not verify"),
+    "command fails": (nothing, ("--sign-command", "false"), "false ended with status 1"),
+    "command prints text": (nothing, ("--sign-command", "echo"), "printed text"),
 }
 
 
-@pytest.mark.parametrize("change, reason", REFUSED_SOURCES.values(), ids=REFUSED_SOURCES)
-def test_refuses_a_bad_source(source: Path, key: Path, change, reason: str) -> None:
-    change(source)
-    before = sorted((source.parent / "output").iterdir())
-    done = make(source, key)
+@pytest.mark.parametrize("prepare, options, reason", REFUSED.values(), ids=REFUSED)
+def test_refuses_and_leaves_nothing(prepare: Callable[[], object], options: tuple[str, ...],
+                                    reason: str) -> None:
+    prepare()
+    before = sorted(Path().rglob("*"))
+    done = make(*options)
     assert (done.returncode, done.stdout) == (1, "") and reason in done.stderr
-    assert sorted((source.parent / "output").iterdir()) == before
+    assert all(line.startswith("make-bundle: ") for line in done.stderr.splitlines())
+    assert sorted(Path().rglob("*")) == before
 
 
-@pytest.mark.parametrize("url", [
-    "http://bundles.zelo.example/x", "https://LocalHost:1/x", "https://localhost.localdomain/x", "https:///x",
-    "https://127.0.0.1/x", "https://127.999.0.1/x", "https://%6cocalhost/x", "https:", "bundles.zelo.example",
-    "https://a b/", "https://a:port/", "https://a/\n"])
-def test_refuses_an_address_that_devices_refuse(source: Path, key: Path, url: str) -> None:
-    done = make(source, key, url)
-    assert done.returncode == 1 and "address" in done.stderr
-    assert not list((source.parent / "output").iterdir())
+@pytest.mark.skipif(not (TOKEN.exists() and ENGINES), reason="needs softhsm2 and libengine-pkcs11-openssl")
+def test_key_in_a_token(monkeypatch: pytest.MonkeyPatch) -> None:
+    Path("tokens").mkdir()
+    Path("softhsm2.conf").write_text(f"directories.tokendir = {Path('tokens').absolute()}\n")
+    monkeypatch.setenv("SOFTHSM2_CONF", str(Path("softhsm2.conf").absolute()))
+    monkeypatch.setenv("PKCS11_MODULE_PATH", str(TOKEN))
+    for arguments in ("--init-token --free --so-pin 12345678",
+                      "--import key --file-pin word --label signer --id 01"):
+        label = ("--token", "zelo") if "--import" in arguments else ("--label", "zelo")
+        subprocess.run(["softhsm2-util", *arguments.split(), *label, "--pin", "1234"], check=True)
+    Path("key").unlink()
+    signer = ("openssl dgst -sha256 -engine pkcs11 -keyform engine "
+              "-sign 'pkcs11:token=zelo;object=signer;pin-value=1234'")
+    assert "not verified" in make("--sign-command", signer).stderr and check().returncode == 0
+    assert make("--sign-command", signer, "--public-key", "key.pub").returncode == 0
 
 
-def test_refuses_what_is_no_key(source: Path, key: Path) -> None:
-    for bad in (source / "run.sh", source / "missing", Keys(key.parent).public("prod")):
-        done = make(source, bad)
-        assert done.returncode == 1 and "make-bundle: " in done.stderr
-    assert not list((source.parent / "output").iterdir())
-    assert subprocess.run([TOOL, source], capture_output=True, check=False).returncode == 2
+@pytest.mark.parametrize("signum", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_ends_by_a_signal(signum: signal.Signals) -> None:
+    signer = "sh -c 'echo >started; exec sleep 60'"
+    with subprocess.Popen(command("--sign-command", signer), stderr=subprocess.PIPE, text=True) as process:
+        while not Path("started").exists():
+            time.sleep(0.01)
+        process.send_signal(signum)
+        said = process.communicate()[1]
+    assert (process.returncode, said) == (-signum, f"make-bundle: stopped by {signum.name}\n")
+    assert {path.name for path in Path().iterdir()} == {"source", "key", "key.pub", "word", "started"}
+
+
+def test_ends_in_poor_surroundings() -> None:
+    with open("/dev/full", "w") as full:
+        done = make(stdout=full)
+    assert (done.returncode, done.stderr.splitlines()[1:]) == (1, ["make-bundle: No space left on device"])
+    reader, writer = os.pipe()
+    os.close(reader)
+    done = make(stdout=writer)
+    assert done.returncode == -signal.SIGPIPE and done.stderr.count("\n") == 1
+    assert make(env={"PATH": "/missing"}).stderr == "make-bundle: tar is needed, and not installed\n"

@@ -67,7 +67,7 @@ def test_makes_the_same_signed_archive_again() -> None:
 
 # What is done first, the options, and the reason that is given.
 REFUSED = {
-    "by a rule": ("chmod 644 source/run.sh", (), "error: run.sh: not executable"),
+    "by a rule": ("chmod 644 source/run.sh", ("--sign-command", "false"), "error: run.sh: not executable"),
     "address": ("", ("--url", "http://a/"), "error: address http://a/"),
     "output inside": ("ln -s source o", ("--output", "o/new"), "own directory"),
     "in the way": (f"mkdir -p o/{DOCUMENT.name}", ("--output", "o"), "is a directory"),
@@ -124,7 +124,7 @@ def test_ends_by_a_signal(signum: signal.Signals) -> None:
 
 def test_ends_in_poor_surroundings() -> None:
     with open("/dev/full", "w") as full:
-        done = make(stdout=full)
+        done = make(stdout=full, env={"PATH": os.environ["PATH"], "TAR_OPTIONS": "--none"})
     assert (done.returncode, done.stderr.splitlines()[1:]) == (1, ["make-bundle: No space left on device"])
     reader, writer = os.pipe()
     os.close(reader)

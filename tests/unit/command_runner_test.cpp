@@ -1,185 +1,158 @@
-#include <fcntl.h>
 #include <grp.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/time.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <thread>
 
-#include "tests/unit/expect_failure.h"
+#include "tests/unit/fake_platform.h"
+#include "tests/unit/in_child.h"
 #include "utils/command_runner.h"
-#include "utils/file_descriptor.h"
 #include "utils/inherited_state.h"
-#include "utils/termination.h"
 
 using zelo::runCommand;
 
 namespace {
 
-using Error = std::runtime_error;
-constexpr const char* failed = "failed to execute command";
+const Texts echo{"/bin/echo", "text"};
+const Texts listDescriptors{"/bin/ls", "/proc/self/fd"};
+const std::string three = "0\n1\n2\n3\n";  // and the one that serves for listing them
 
-std::string shell(const std::string& script) {
-  return runCommand({"/bin/sh", "-c", script});
+Texts shell(const std::string& script) {
+  return {"/bin/sh", "-c", script};
 }
 
 TEST(CommandRunner, ReturnsWhatTheProgramPrints) {
-  EXPECT_EQ(shell("echo one line"), "one line\n");
-  EXPECT_EQ(shell("printf 'a\\0b'"), std::string("a\0b", 3));
-  EXPECT_EQ(shell("i=0; while [ $i -lt 1000 ]; do printf 0123456789; i=$((i+1)); done").size(), 10000U);
-  EXPECT_EQ(shell("echo before; kill -9 $$"), "before\n") << "an end by a signal is a success";
+  const std::string manyBytes = "i=0; while [ $i -lt 1000 ]; do printf 0123456789; i=$((i+1)); done";
+  EXPECT_EQ(runCommand(shell("printf 'a\\0b'")), std::string("a\0b", 3));
+  EXPECT_EQ(runCommand(shell(manyBytes)).size(), 10000U);
+  EXPECT_EQ(runCommand(shell("echo before; kill -9 $$")), "before\n") << "an end by a signal is a success";
   EXPECT_EQ(runCommand({"/bin/echo", "a b", "", "$HOME", "*"}), "a b  $HOME *\n") << "no shell";
   EXPECT_EQ(runCommand({"/usr/bin/env"}), "") << "no environment";
 }
 
-TEST(CommandRunner, FailsWithTheRunnersText) {
-  const std::vector<std::string> rows[] = {{},
-                                           {""},
-                                           {"/bin/false"},
-                                           {"mv"},
-                                           {"/none"},
-                                           {"/tmp"},
-                                           {"/dev/null"},
-                                           {"/bin/sh", "-c", "echo text; exit 2"},
-                                           {"/bin/sh", "-c", "exit 255"}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(failureOf<Error>([&] { (void)runCommand(row); }), failed) << testing::PrintToString(row);
-  }
-  testing::internal::CaptureStderr();
-  EXPECT_THROW((void)runCommand({"/none"}), Error);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "execve: No such file or directory\n");
-}
-
-TEST(CommandRunner, LeavesNothingBehind) {
+TEST(CommandRunner, FailsWithOneTextAndLeavesNothing) {
+  const std::string failed = "failed to execute command";
   const int before = dup(0);
   close(before);
-  (void)shell("true");
-  EXPECT_THROW((void)runCommand({"/none"}), Error);
-  const int after = dup(0);
-  close(after);
-  EXPECT_EQ(before, after) << "descriptors";
-  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
-  EXPECT_EQ(errno, ECHILD);
+  for (const Texts& row : {Texts{}, {""}, {"mv"}, {"/tmp"}, shell("echo text; exit 2"), shell("exit 255")}) {
+    EXPECT_EQ(failureOf([&] { (void)runCommand(row); }), failed) << testing::PrintToString(row);
+  }
+  EXPECT_EQ(inChild([] { say(failureOf([] { (void)runCommand({"/none"}); })); }),
+            (Texts{"execve: No such file or directory\n", failed, "exit 0"}));
+  fake::g_largest_block = 1 << 20;
+  EXPECT_THROW((void)runCommand({"/bin/cat", "/dev/zero"}), std::bad_alloc);
+  fake::g_largest_block = SIZE_MAX;
+  EXPECT_EQ(dup(0), before) << "descriptors";
+  EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "processes";
+  close(before);
 }
 
-TEST(CommandRunner, StartsProgramsWithThreeDescriptors) {
-  const zelo::FileDescriptor leaky(dup(0));  // not close-on-exec
-  EXPECT_EQ(shell("i=3; while [ $i -lt 64 ]; do (: <&$i) 2>/dev/null && echo $i; i=$((i+1)); done"), "");
+void limit(__rlimit_resource resource, rlim_t value) {
+  const rlimit both{value, value};
+  setrlimit(resource, &both);
 }
 
-// Each row in a process of its own: the limits and descriptors are the process's.
-template <typename Prepare>
-void expectInChild(const char* what, Prepare prepare, const std::string& expected) {
-  EXPECT_EXIT(
-      {
-        prepare();
-        std::string outcome;
-        try {
-          outcome = runCommand({"/bin/echo", "text"});
-        } catch (const std::exception& error) {
-          outcome = error.what();
-        }
-        _exit(outcome == expected ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "")
-      << what;
+// Descriptors that are not close-on-exec, most of them beyond the limit.
+void openMany() {
+  for (int fd = 20; fd < 520; ++fd) dup2(STDIN_FILENO, fd == childsVoice ? 20 : fd);
+  limit(RLIMIT_NOFILE, 64);
+}
+
+// As kernels were before they had the call; under an emulator nothing changes.
+void forbidCloseRange() {
+  sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 436, 0, 1),
+                         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+                         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  const sock_fprog program{4, steps};
+  prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+void discardChildren() {
+  struct sigaction action {};
+  action.sa_flags = SA_NOCLDWAIT;
+  sigaction(SIGCHLD, &action, nullptr);
+}
+
+void discardChildrenWhenForking() {
+  pthread_atfork(discardChildren, nullptr, nullptr);
+}
+
+void interruptAllTheTime() {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval every{{0, 10000}, {0, 10000}};
+  setitimer(ITIMER_REAL, &every, nullptr);
+}
+
+void forbidProcesses() {
+  if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setuid(64999) != 0)) say("still root");
+  limit(RLIMIT_NPROC, 0);
 }
 
 TEST(CommandRunner, WorksAndFailsInOddProcesses) {
-  expectInChild(
-      "no standard output", [] { close(1); }, "text\n");
-  expectInChild(
-      "pipe on 0 and 1", [] { close(0), close(1); }, "text\n");
-  expectInChild(
-      "pipe on 1 and 2", [] { close(1), close(2); }, "text\n");
-  expectInChild(
-      "SIGCHLD ignored", [] { signal(SIGCHLD, SIG_IGN); }, "text\n");
-  expectInChild(
-      "interrupted waits",
-      [] {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        sigaction(SIGALRM, &action, nullptr);
-        const itimerval every{{0, 100}, {0, 100}};
-        setitimer(ITIMER_REAL, &every, nullptr);
-      },
-      "text\n");
-  expectInChild(
-      "no descriptors",
-      [] {
-        const rlimit limit{3, 3};
-        setrlimit(RLIMIT_NOFILE, &limit);
-      },
-      "unable to create pipes for reading stdout");
-  expectInChild(
-      "no processes",
-      [] {
-        if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setuid(64999) != 0)) _exit(2);
-        const rlimit limit{0, 0};
-        setrlimit(RLIMIT_NPROC, &limit);
-      },
-      "unable to fork");
+  const struct {
+    const char* name;
+    void (*prepare)();
+    Texts command;
+    std::string outcome;
+  } rows[] = {
+      {"no standard output", [] { close(1); }, echo, "text\n"},
+      {"pipe on 0 and 1", [] { close(0), close(1); }, echo, "text\n"},
+      {"pipe on 1 and 2", [] { close(1), close(2); }, echo, "text\n"},
+      {"SIGCHLD ignored", [] { signal(SIGCHLD, SIG_IGN); }, echo, "text\n"},
+      {"children discarded", discardChildren, echo, "text\n"},
+      {"children discarded too late", discardChildrenWhenForking, echo, "failed to execute command"},
+      {"SIGPIPE ignored", [] { signal(SIGPIPE, SIG_IGN); }, shell("echo a; kill -PIPE $$; echo b"), "a\n"},
+      {"interruptions", interruptAllTheTime, shell("sleep 0.1; echo a; exec >&-; sleep 0.1"), "a\n"},
+      {"many descriptors", openMany, listDescriptors, three},
+      {"old kernel", [] { openMany(), forbidCloseRange(); }, listDescriptors, three},
+      {"no descriptors", [] { limit(RLIMIT_NOFILE, 3); }, echo, "unable to create pipes for reading stdout"},
+      {"no processes", forbidProcesses, echo, "unable to fork"},
+  };
+  for (const auto& row : rows) {
+    const Texts said = inChild([&] {
+      row.prepare();
+      say(failureOf([&] { say(runCommand(row.command)); }));
+    });
+    EXPECT_EQ(said, (Texts{row.outcome, "exit 0"})) << row.name;
+  }
+}
+
+TEST(CommandRunner, NoProgramGetsWhatAnotherThreadOpens) {
+  std::atomic<bool> over{false};
+  std::thread library([&] {
+    while (!over) close(open("/dev/null", O_RDONLY));
+  });
+  std::string seen = three;
+  for (int i = 0; i < 100 && seen == three; ++i) seen = runCommand(listDescriptors);
+  over = true;
+  library.join();
+  EXPECT_EQ(seen, three);
 }
 
 TEST(CommandRunner, InheritedStateIsPutRight) {
-  EXPECT_EXIT(
-      {
-        for (int fd = 0; fd < 3; ++fd) close(fd);
-        signal(SIGCHLD, SIG_IGN);
-        signal(SIGHUP, SIG_IGN);
-        signal(SIGPIPE, SIG_IGN);
-        sigset_t all;
-        sigfillset(&all);
-        sigprocmask(SIG_SETMASK, &all, nullptr);
-        zelo::repairInheritedState();
-        const std::string seen = runCommand({"/bin/grep", "-E", "Sig(Blk|Ign)", "/proc/self/status"});
-        _exit(seen == "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n" ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "");
-}
-
-void terminate(int signum = SIGTERM) {
-  (void)zelo::noteTerminationSignal(signum);
-}
-
-TEST(ProgramGate, NoProgramStartsOrSucceedsOnceASignalHasArrived) {
-  const struct {
-    const char* when;
-    void (*prepare)();
-    bool started;
-    const char* script = "echo started >&2";
-  } rows[] = {{"before", [] { terminate(); }, false},
-              {"between gate and fork", [] { pthread_atfork([] { terminate(); }, nullptr, nullptr); }, false},
-              {"while it runs",
-               [] {
-                 pthread_atfork(
-                     nullptr, [] { terminate(); }, nullptr);
-               },
-               true}};
-  for (const auto& row : rows) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      dup2(ends[1], 2);
-      row.prepare();
-      const itimerval soon{{0, 0}, {0, 300000}};
-      setitimer(ITIMER_REAL, &soon, nullptr);
-      (void)shell(row.script);
-      _exit(0);  // must not get here
-    }
-    close(ends[1]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    char text[16];
-    EXPECT_EQ(read(ends[0], text, sizeof text) > 0, row.started) << row.when;
-    close(ends[0]);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << row.when;
-  }
+  const Texts said = inChild([] {
+    for (int fd = 0; fd < 3; ++fd) close(fd);
+    for (const int signum : {SIGCHLD, SIGHUP, SIGPIPE, SIGXFSZ, SIGRTMAX}) signal(signum, SIG_IGN);
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, nullptr);
+    zelo::repairInheritedState();
+    raise(SIGPIPE), raise(SIGXFSZ);
+    say(runCommand(shell("echo >&0 && echo >&2 && grep -E 'Sig(Blk|Ign)' /proc/self/status")));
+  });
+  EXPECT_EQ(said, (Texts{"SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n", "exit 0"}));
 }
 
 }  // namespace

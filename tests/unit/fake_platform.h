@@ -1,66 +1,68 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "platform/xfr.h"
+#include "tests/unit/expect_failure.h"
 
 /// A scripted platform: says what it is told to say, keeps a journal, and fails the test when the
 /// daemon breaks the platform's protocol.
 namespace fake {
 
-struct Report final : xfr::TransferStatus {
-  explicit Report(int stateValue, int idValue = 0, int deferredValue = 0)
-      : state(stateValue), id(idValue), deferred(deferredValue) {}
-  int getId() override { return id; }
-  int getState() override { return state; }
-  int getErrorCode() override { return 500; }
-  int getDeferredCode() override { return deferred; }
+struct Handle final : xfr::Transfer {
+  explicit Handle(int value);
+  ~Handle() override;
+  const int& getId() override { return id; }
 
-  int state;
   int id;
-  int deferred;
+  bool handedOver = false;
 };
 
 /// One submitted request, as the service's script sees it.
 struct Request {
-  std::string source, destination, method, client;
+  std::string source, destination;
   xfr::TransferListener* listener = nullptr;
   int id = 0;
   xfr::Transfer* handle = nullptr;
+
+  void announce() const { listener->setTransfer(handle); }
 
   /// Reports a state; an id of 0 stands for the transfer's own.
   void report(int state, int deferred = 0, int reportedId = 0) const;
 };
 
 struct Platform {
-  int busResult = 0;
-  bool ready = true;
   std::map<std::string, std::string> settings;
   std::optional<std::int64_t> version = 1;
   std::optional<std::string> packageName = "package";
   bool succeedWithoutText = false;
   int lockHandle = 0;
   bool clockFails = false;
+  time_t monotonicAhead = 0;
   int firstId = 1;
-  int spuriousWakeUps = 0;  // of the next timed waits
 
-  /// Runs inside `initiateTransfer`; false refuses the request.
+  /// False refuses the request.
   std::function<bool(Request&)> onInitiate = [](Request& request) {
-    request.listener->setTransfer(request.handle);
-    request.report(xfr::downloadCompleted);
-    return true;
+    return request.announce(), request.report(8), true;
   };
-  /// Runs inside `finishTransfer`; joins whatever threads `onInitiate` started.
+  /// Joins whatever threads `onInitiate` started.
   std::function<void(Request&)> onFinish = [](Request&) {};
+  /// Before a line is in the journal.
+  std::function<void(const std::string&)> onLine = [](const std::string&) {};
+  std::function<void()> onRelease = [] {};               // of the lock
+  std::function<bool()> onPause = [] { return false; };  // true: interrupted
+  /// The result of a wait until a deadline; none has it wait.
+  std::function<std::optional<int>(const timespec&)> onTimedWait = [](const timespec&) {
+    return std::nullopt;
+  };
 
-  std::vector<std::string> calls;  // in their order
-  std::vector<std::string> log;    // what reached syslog: "<priority> line"
-  std::vector<unsigned> pauses;    // microseconds
+  Texts calls;                   // in their order
+  Texts log;                     // what reached syslog: "<priority> line"
+  std::vector<unsigned> pauses;  // microseconds
   int transfersAlive = 0;
   int requestsAlive = 0;
 };
@@ -68,16 +70,19 @@ struct Platform {
 /// The platform of the running test.
 Platform& platform();
 
-/// Puts a new platform in place; fails the test if the old one was left with something alive.
-void reset();
+/// Has a new platform, and checks that nothing is left of the old one.
+struct Test : testing::Test {
+  Test() { reset(); }
+  ~Test() override { reset(); }
+  static void reset();
 
-/// A new private directory, removed when the tests are over.
-std::string temporaryDirectory();
+  Platform& platform = fake::platform();
+};
 
-/// What is logged from now on goes to standard error instead of the journal.
-void logToStandardError();
+/// What a block of memory must not exceed.
+extern std::size_t g_largest_block;
 
 /// Number of journal entries that begin with a text.
-int count(const std::vector<std::string>& journal, const std::string& beginning);
+unsigned count(const Texts& journal, const std::string& beginning);
 
 }  // namespace fake

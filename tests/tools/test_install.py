@@ -1,20 +1,29 @@
-"""What `cmake --install` puts where, and that it runs from there."""
+"""What `cmake --install` puts where, and which version it says it is."""
 
 import os
 import re
 import shutil
 import subprocess
+from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
-from device.virtual_device import VirtualDevice
-
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("ZELO_BUILD_DIR", ROOT / "build" / "release"))
 PLATFORM = BUILD / "standin" / "libzelo_platform.so"
-ALWAYS = {"sbin/zeloinstall", "lib/systemd/system/zeloinstall.service", "share/man/man8/zeloinstall.8",
-          "share/doc/zeloinstall/README.md"}
+DOCUMENTS = {"copyright", "changelog"}
+DAEMON = {"sbin/zeloinstall", "lib/tmpfiles.d/zeloinstall.conf", "share/man/man8/zeloinstall.8",
+          *(f"lib/systemd/system/zeloinstall.{kind}" for kind in ("service", "timer")),
+          *(f"share/doc/zeloinstall/{name}" for name in DOCUMENTS | {"README.md", "fleet.md"})}
+TOOLS = {*(f"{place}{name}-bundle{end}" for name in ("make", "check") for place, end in (
+             ("bin/zelo-", ""), ("share/man/man1/zelo-", ".1"), ("share/zelo-bundle-tools/", ""))),
+         *(f"share/zelo-bundle-tools/{module.name}" for module in (ROOT / "tools").glob("*.py")),
+         *(f"share/doc/zelo-bundle-tools/{name}" for name in DOCUMENTS)}
+
+
+def host_build() -> Path:
+    return BUILD
 
 
 def device_build() -> Path:
@@ -26,33 +35,34 @@ def device_build() -> Path:
     return build
 
 
-@pytest.mark.parametrize("make, more", [
-    (device_build, set()),
-    (lambda: BUILD, {"lib/libzelo_platform.so.1", "lib/libzelo_platform.so.1.0.0"}),
-], ids=["device", "host"])
-def test_installed_daemon(make, more: set[str], monkeypatch: pytest.MonkeyPatch) -> None:
+@pytest.mark.parametrize("make, component, files", [
+    (device_build, "daemon", DAEMON),
+    (host_build, "daemon", DAEMON | {f"lib/zeloinstall/libzelo_platform.so.1{end}" for end in ("", ".0.0")}),
+    (host_build, "tools", TOOLS),
+])
+def test_installed_files(make: Callable[[], Path], component: str, files: set[str]) -> None:
     build = make()
     destination = BUILD / "install" / "root"
     shutil.rmtree(destination, ignore_errors=True)
-    subprocess.run(["cmake", "--install", build, "--prefix", "/usr"], check=True,
+    subprocess.run(["cmake", "--install", build, "--prefix", "/usr", "--component", component], check=True,
                    env={**os.environ, "DESTDIR": str(destination)})
-
-    tree = destination / "usr"
     found = {str(path.relative_to(destination)) for path in destination.rglob("*") if not path.is_dir()}
     # A build that was configured for /usr has its libraries in the multiarch directory.
-    assert {re.sub(r"/\w+-linux-\w+/", "/", path) for path in found} == {f"usr/{name}" for name in ALWAYS | more}
+    assert {re.sub(r"/\w+-linux-\w+/", "/", path) for path in found} == {f"usr/{name}" for name in files}
+    if component == "daemon":
+        unit = (destination / "usr/lib/systemd/system/zeloinstall.service").read_text()
+        assert "\nExecStart=/usr/sbin/zeloinstall\n" in unit
+        # A device has its own place for the platform's libraries, and no other is searched.
+        daemon = destination / "usr/sbin/zeloinstall"
+        listing = subprocess.run(["ldd", daemon], capture_output=True, text=True, check=True).stdout
+        assert ("not found" in listing) == (make == device_build), listing
 
-    unit = (tree / "lib/systemd/system/zeloinstall.service").read_text()
-    assert "\nExecStart=/usr/sbin/zeloinstall\n" in unit and "\nKillMode=mixed\n" in unit
-    daemon = tree / "sbin/zeloinstall"
-    dynamic = subprocess.run(["readelf", "-d", daemon], capture_output=True, text=True, check=True).stdout
-    assert "PATH)" not in dynamic and "libzelo_platform.so.1" in dynamic
 
-    # Where the loader is to look when the device's root is filled; the device has its own place.
-    libraries = {path.parent for path in tree.rglob("lib*.so.1")} or {PLATFORM.parent}
-    monkeypatch.setenv("LD_LIBRARY_PATH", str(libraries.pop()))
-    with VirtualDevice(BUILD, {"/usr/sbin/zeloinstall": daemon}) as device:
-        device.publish(device.make_bundle())
-        run = device.start()
-        assert run.wait() == 0, run.output()
-        assert device.path("/tmp/installed").read_text() == "installed\n"
+def test_version_is_the_same_everywhere() -> None:
+    cache = (BUILD / "CMakeCache.txt").read_text()
+    version = re.findall(r"CMAKE_PROJECT_VERSION:\w+=(.+)", cache)[0]
+    notes = subprocess.check_output(["readelf", "--notes", BUILD / "zeloinstall"], text=True)
+    assert f'"name":"zeloinstall","version":"{version}"' in notes
+    assert (ROOT / "CHANGELOG.md").read_text().startswith(f"# Changes\n\n## {version}\n")
+    for page in (ROOT / "doc").glob("*.[18]"):
+        assert f'\n.Os "zeloinstall {version}"\n' in page.read_text(), page

@@ -1,0 +1,115 @@
+"""A root directory that systemd runs, with this machine's network."""
+
+import os
+import re
+import subprocess
+import time
+from collections.abc import Callable
+from pathlib import Path
+from types import TracebackType
+from typing import Self
+
+# Whoever is killed, this process or one of these: nothing of the root lives on.
+NSPAWN = ("setpriv", "--pdeathsig=KILL", "unshare", "--pid", "--mount-proc", "--fork", "--kill-child",
+          "systemd-nspawn", "--quiet", "--register=no", "--keep-unit", "--link-journal=no",
+          "--volatile=overlay")
+
+
+class CannotBoot(Exception):
+    """Why this user, or this machine, cannot run such a root."""
+
+
+def wait_for(condition: Callable[[], bool], seconds: float = 60) -> None:
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            raise TimeoutError(f"waited {seconds} s in vain")
+        time.sleep(0.05)
+
+
+def control_groups(name: str) -> list[Path]:
+    """A new control group in each hierarchy that systemd uses."""
+    own = re.findall(r"^\d+:(name=systemd|):/(.*)$", Path("/proc/self/cgroup").read_text(), re.MULTILINE)
+    mixed = Path("/sys/fs/cgroup/unified")
+    places = {"": mixed if mixed.exists() else mixed.parent, "name=systemd": Path("/sys/fs/cgroup/systemd")}
+    groups = [places[hierarchy] / path / name for hierarchy, path in own]
+    for group in groups:
+        group.mkdir()
+    return groups
+
+
+def remove_control_groups(groups: list[Path]) -> bool:
+    """False while there are processes in one."""
+    try:
+        for group in groups:
+            for part, _, _ in os.walk(group, topdown=False):
+                os.rmdir(part)
+    except OSError:
+        return False
+    return True
+
+
+class BootedRoot:
+    """`root` with systemd running, from entering the context to leaving it. The directory stays as it is:
+    what is written goes to memory."""
+
+    def __init__(self, root: Path):
+        if os.geteuid() != 0:
+            raise CannotBoot("needs root")
+        # Their own, or two roots that run at once would end each other's processes.
+        name = f"booted-root.{os.getpid()}"
+        try:
+            self._groups = control_groups(name)
+        except OSError as error:
+            raise CannotBoot(f"no control groups can be made here: {error}") from None
+        self._nspawn = (*NSPAWN, f"--machine={name}", f"--directory={root}")
+        trial = subprocess.run([*self._nspawn, "true"], preexec_fn=self._enter_groups, capture_output=True,
+                               text=True, check=False)
+        if trial.returncode != 0:
+            wait_for(lambda: remove_control_groups(self._groups))
+            raise CannotBoot(f"systemd-nspawn does not run here: {trial.stderr.strip()}")
+
+    def __enter__(self) -> Self:
+        self._process = subprocess.Popen(
+            [*self._nspawn, "--boot", "--console=pipe"], preexec_fn=self._enter_groups,
+            stdin=subprocess.DEVNULL)
+        try:
+            wait_for(self._is_up)
+        except BaseException:
+            self.__exit__(None, None, None)
+            raise
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
+                 trace: TracebackType | None) -> None:
+        self._process.kill()
+        self._process.wait()
+        wait_for(lambda: remove_control_groups(self._groups))
+
+    def path(self, path: str) -> Path:
+        """Where an absolute path of the root can be reached from here."""
+        return Path(f"/proc/{self._leader()}/root{path}")
+
+    def run(self, *command: str, status: int | None = 0) -> str:
+        """What the program, run inside, wrote; fails unless it ends with `status`, None for any."""
+        done = subprocess.run(["nsenter", f"--target={self._leader()}", "--all", *command], text=True,
+                              check=False, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, timeout=60)
+        assert status in (None, done.returncode), f"{command} ended with {done.returncode}: {done.stdout}"
+        return done.stdout
+
+    def _enter_groups(self) -> None:
+        for group in self._groups:
+            (group / "cgroup.procs").write_text("0")
+
+    def _leader(self) -> str:
+        pid = str(self._process.pid)
+        for _ in ("systemd-nspawn", "systemd"):
+            children = Path(f"/proc/{pid}/task/{pid}/children")
+            pid = children.read_text().strip() if pid else ""
+        return pid
+
+    def _is_up(self) -> bool:
+        assert self._process.poll() is None, "systemd-nspawn has ended"
+        return self._leader() != "" and self.run("systemctl", "is-system-running", status=None) in (
+            "running\n", "degraded\n")

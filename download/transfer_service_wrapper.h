@@ -19,6 +19,7 @@ class TransferServiceWrapper {
   TransferServiceWrapper& operator=(const TransferServiceWrapper&) = delete;
   virtual ~TransferServiceWrapper() = default;
 
+  /// Never null; lives as long as this object.
   [[nodiscard]] xfr::TransferServiceImpl* getService() const { return service.get(); }
 
  private:

@@ -116,7 +116,7 @@ xfr::Transfer* TransferWrapper::getTransfer() {
   return transfer.get();
 }
 
-// An end that was reported before the wait began counts as well.
+// An end that was reported before the wait began counts, too.
 void TransferWrapper::waitForEnd(const timespec& deadline) {
   const MutexLock lock(mutex);
   int result = 0;

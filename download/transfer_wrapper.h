@@ -33,8 +33,8 @@ class TransferWrapper : public xfr::TransferListener {
   /// handle is known, or with another id than the handle's are logged and ignored.
   void onProgress(xfr::TransferStatus* transferStatus) override;
 
-  /// Stores the handle, which belongs to this object while it is stored; null takes it back. What it
-  /// replaces belongs to the library again.
+  /// Stores the handle, which belongs to this object while it is stored. What it replaces belongs to the
+  /// library again; null replaces it by nothing.
   void setTransfer(xfr::Transfer* handle) override;
 
   /// The stored handle; null before the service's handle is known.

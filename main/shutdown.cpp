@@ -17,9 +17,8 @@ namespace {
 
 pid_t g_daemon_pid = 0;
 pthread_t g_main_thread{};
-sem_t g_line_wanted;
+sem_t g_signal_noted;  // posted once for each thread
 sem_t g_line_written;
-sem_t g_end_wanted;
 
 timespec fromNow(time_t seconds) {
   timespec time{};
@@ -54,10 +53,10 @@ void writeLine(int signum) {
   _exit(128 + signum);  // the first process of a container has no default actions
 }
 
-// A thread of its own, because a log receiver that does not read blocks whoever writes. A main thread
-// that acts for longer is stuck in the platform, and the line is written all the same.
+// A thread of its own, because a log receiver that does not read blocks whoever writes. If the main thread
+// acts until the deadline, it is stuck in the platform; the line is written all the same.
 void* lineThread(void* /*unused*/) {
-  waitFor(g_line_wanted);
+  waitFor(g_signal_noted);
   zelo::awaitMainThread(fromNow(zelo::logPatienceSeconds / 2));
   writeLine(zelo::terminationSignal());
   sem_post(&g_line_written);
@@ -65,7 +64,7 @@ void* lineThread(void* /*unused*/) {
 }
 
 void* endThread(void* /*unused*/) {
-  waitFor(g_end_wanted);
+  waitFor(g_signal_noted);
   waitForLine();
   zelo::awaitNoProgram();
   releaseSingleInstance();
@@ -85,9 +84,9 @@ void startThread(void* (*body)(void*)) {
 void startShutdownThreads() {
   g_daemon_pid = getpid();
   g_main_thread = pthread_self();
-  for (sem_t* semaphore : {&g_line_wanted, &g_line_written, &g_end_wanted}) sem_init(semaphore, 0, 0);
+  for (sem_t* semaphore : {&g_signal_noted, &g_line_written}) sem_init(semaphore, 0, 0);
 
-  // Signals are for the main thread, but for those of a fault: blocked, a fault would leave no crash dump.
+  // The main thread gets all signals, except those of a fault: a blocked one would leave no crash dump.
   sigset_t most;
   sigset_t previous;
   sigfillset(&most);
@@ -114,8 +113,8 @@ void shutdownHandler(int signum) {
   if (pthread_equal(pthread_self(), g_main_thread) == 0) {
     pthread_kill(g_main_thread, signum);
   } else if (zelo::noteTerminationSignal(signum)) {
-    sem_post(&g_line_wanted);
-    sem_post(&g_end_wanted);
+    sem_post(&g_signal_noted);
+    sem_post(&g_signal_noted);
   }
   errno = savedErrno;
 }

@@ -6,7 +6,8 @@
 /// `std::system_error` when the threads cannot be started.
 void startShutdownThreads();
 
-/// As the handler of a termination signal: hands the signal over to the shutdown threads
-/// (async-signal-safe). With 0, at the end of a run: writes the "going down" line and releases the
+/// As the handler of a termination signal (async-signal-safe): on the main thread hands the signal over to
+/// the shutdown threads, on any other passes it on to the main thread; in a forked child that is no program
+/// yet ends the child. With 0, at the end of a run: writes the "going down" line and releases the
 /// lock, unless a signal is ending the process already; then it does not return.
 void shutdownHandler(int signum);

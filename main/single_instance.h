@@ -1,11 +1,6 @@
 #pragma once
 
-#include <atomic>
-#include <cstdint>
 #include <stdexcept>
-
-/// The lock's handle; -1 before the check and once the lock has been released.
-extern std::atomic<std::int32_t> g_singleton_handle;
 
 /// "one more instance of zeloinstall is running.": no fault of this one.
 class AnotherInstance : public std::runtime_error {

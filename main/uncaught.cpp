@@ -18,13 +18,7 @@ void endWithStatusOne(int /*signum*/) {
 }
 
 [[noreturn]] void end(const char* reason) noexcept {
-  // The process ends in time even if the log receiver has stopped reading.
-  (void)signal(SIGALRM, endWithStatusOne);
-  sigset_t only;
-  sigemptyset(&only);
-  sigaddset(&only, SIGALRM);
-  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-  alarm(logPatienceSeconds);
+  endWithinLogPatience();
   logError("E def:zeloinstall:main:ending with status 1: %s", reason);
   _exit(EXIT_FAILURE);
 }
@@ -47,9 +41,18 @@ void endWithStatusOne(int /*signum*/) {
 
 void endOnUncaughtExceptions() noexcept {
   std::set_terminate(endUncaught);
-  // Until the crash-dump handlers replace this one: a library that aborts before has run out of some
-  // resource, which is a failed start and no crash.
+  // Until the crash-dump handlers are installed, an abort counts as a failed start: a library aborts when it
+  // lacks a resource.
   (void)signal(SIGABRT, endWithStatusOne);
+}
+
+void endWithinLogPatience() noexcept {
+  (void)signal(SIGALRM, endWithStatusOne);
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, SIGALRM);
+  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+  alarm(logPatienceSeconds);
 }
 
 }  // namespace zelo

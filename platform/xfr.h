@@ -30,10 +30,12 @@ class Transfer {
 /// A progress report, valid for the length of one `TransferListener::onProgress`.
 class TransferStatus {
  public:
+  /// The number of the transfer that the report is about.
   virtual int getId() = 0;
+  /// One of the states above or an intermediate one.
   virtual int getState() = 0;
   /// The service's own number for what went wrong: from 100 on the server's HTTP status, else the exit
-  /// number of the service's client. Without meaning but for failed and deferred transfers.
+  /// number of the service's client. Means something for failed and deferred transfers only.
   virtual int getErrorCode() = 0;
   /// Why the transfer was put off, in state `transferDeferred`.
   virtual int getDeferredCode() = 0;
@@ -45,10 +47,12 @@ class TransferStatus {
 /// Hears the reports about one transfer, on a thread of the library.
 class TransferListener {
  public:
+  /// Hears one report; the library keeps the status.
   virtual void onProgress(TransferStatus* transferStatus) = 0;
   /// Announces the handle of the request that names this listener, perhaps before `initiateTransfer`
-  /// returns it. It belongs to the listener's owner while it is stored; null takes it back.
+  /// returns it. It belongs to the listener's owner while it is stored; with null the library has it again.
   virtual void setTransfer(Transfer* transfer) = 0;
+  /// The handle that is stored, or null.
   virtual Transfer* getTransfer() = 0;
   virtual ~TransferListener() = default;
 };
@@ -88,11 +92,11 @@ class TransferServiceImpl {
   /// listener before this returns.
   virtual Transfer* initiateTransfer(TransferRequestDescImpl* request);
 
-  /// Pauses a transfer; keeps its place in the order of the operations.
+  /// Pauses a transfer. 0 on success. The daemon does not use it; it keeps its place in the order.
   virtual int suspendTransfer(Transfer* transfer);
 
   /// Ends the service's work on a transfer. No report about it reaches the listener once this has
-  /// returned.
+  /// returned. The daemon gives the reason 0 and ignores the result.
   virtual int finishTransfer(Transfer* transfer, int reason);
 
   virtual ~TransferServiceImpl();

@@ -24,8 +24,8 @@ namespace {
 
 constexpr const char* executionFailed = "failed to execute command";
 
-// The call that closes a range, in kernels since 5.9. Its number is the same on every architecture; headers
-// from before lack it.
+// The system call that closes a range, in kernels since 5.9. Older headers lack its number, which is the
+// same on ARM and x86.
 constexpr long closeRange = 436;
 
 // What perror would write, by the error's number. Made before a fork: the child must not allocate.
@@ -43,14 +43,16 @@ constexpr long closeRange = 436;
 void heedChildren() {
   struct sigaction action {};
   if (sigaction(SIGCHLD, nullptr, &action) != 0) return;
-  const bool discards = action.sa_handler == SIG_IGN || (action.sa_flags & SA_NOCLDWAIT) != 0;
-  if (discards) (void)signal(SIGCHLD, SIG_DFL);
+  if (action.sa_handler == SIG_IGN) action.sa_handler = SIG_DFL;
+  action.sa_flags &= ~SA_NOCLDWAIT;
+  (void)sigaction(SIGCHLD, &action, nullptr);
 }
 
 // For the forked child. Done in the parent it would race with the descriptors of the libraries' threads.
 void closeDescriptorsFrom(int first) {
   if (syscall(closeRange, first, UINT_MAX, 0) == 0) return;
 
+  (void)close(first);  // or there may be no room to open the list
   const int directory = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory < 0) {
     rlimit limit{};
@@ -72,17 +74,20 @@ void closeDescriptorsFrom(int first) {
 }
 
 // Runs in the forked child: async-signal-safe calls only.
-[[noreturn]] void becomeProgram(char* const arguments[], int output,
+[[noreturn]] void becomeProgram(char* const arguments[], int output, int starting,
                                 const std::vector<std::string>& reports) {
   if (terminationSignal() != 0) _exit(EXIT_FAILURE);  // noted just before the fork
   (void)signal(SIGPIPE, SIG_DFL);                     // libraries ignore it for the daemon
   const int redirected = output == STDOUT_FILENO ? fcntl(output, F_SETFD, 0) : dup2(output, STDOUT_FILENO);
-  if (redirected >= 0) {
-    closeDescriptorsFrom(STDERR_FILENO + 1);
+  constexpr int lastKept = STDERR_FILENO + 1;
+  const int kept = starting == lastKept ? starting : dup3(starting, lastKept, O_CLOEXEC);
+  if (redirected >= 0 && kept >= 0) {
+    closeDescriptorsFrom(lastKept + 1);
     char* const environment[] = {nullptr};
     execve(arguments[0], arguments, environment);
   }
   const auto error = static_cast<std::size_t>(errno);
+  (void)signal(SIGPIPE, SIG_IGN);  // or a standard error that nobody reads would end this as a success
   const std::string& report = error < reports.size() ? reports[error] : reports.back();
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, report.data(), report.size());
   _exit(EXIT_FAILURE);
@@ -111,6 +116,17 @@ struct Child {
   }
 };
 
+struct Pipe {
+  FileDescriptor readEnd;
+  FileDescriptor writeEnd;
+};
+
+[[nodiscard]] Pipe openPipe() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("unable to create pipes for reading stdout");
+  return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
+}
+
 [[nodiscard]] std::string readToEnd(int fd) {
   std::string output;
   std::array<char, 100> buffer{};
@@ -134,22 +150,23 @@ struct Outcome {
 [[nodiscard]] Outcome runToItsEnd(char* const arguments[]) {
   const std::vector<std::string> reports = execveReports();
   heedChildren();
-  const Wait wait(Wait::program);
+  Wait wait(Wait::program);
 
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("unable to create pipes for reading stdout");
-  // Declared before the pipe: an exception closes the pipe first, which ends a child that writes.
+  // Declared before the pipes: an exception closes them first, which ends a child that writes.
   Child child;
-  FileDescriptor readEnd(ends[0]);
-  FileDescriptor writeEnd(ends[1]);
+  Pipe output = openPipe();
+  Pipe starting = openPipe();  // closed by the system when the child becomes the program
 
   child.pid = fork();
   if (child.pid < 0) throw std::runtime_error("unable to fork");
-  if (child.pid == 0) becomeProgram(arguments, writeEnd.get(), reports);
+  if (child.pid == 0) becomeProgram(arguments, output.writeEnd.get(), starting.writeEnd.get(), reports);
 
-  writeEnd.close();
-  std::string output = readToEnd(readEnd.get());
-  return {child.wait(), std::move(output)};
+  output.writeEnd.close();
+  starting.writeEnd.close();
+  (void)readToEnd(starting.readEnd.get());
+  wait.programRuns();
+  std::string text = readToEnd(output.readEnd.get());
+  return {child.wait(), std::move(text)};
 }
 
 }  // namespace

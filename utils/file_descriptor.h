@@ -9,13 +9,8 @@ namespace zelo {
 /// Owns one open descriptor and closes it.
 class FileDescriptor {
  public:
-  FileDescriptor() = default;
   explicit FileDescriptor(int opened) noexcept : fd(opened) {}
   FileDescriptor(FileDescriptor&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-    std::swap(fd, other.fd);
-    return *this;
-  }
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
   ~FileDescriptor() { (void)close(); }
@@ -23,14 +18,11 @@ class FileDescriptor {
   [[nodiscard]] int get() const noexcept { return fd; }
   [[nodiscard]] bool valid() const noexcept { return fd >= 0; }
 
-  /// Hands the descriptor over to the caller.
-  [[nodiscard]] int release() noexcept { return std::exchange(fd, -1); }
-
   /// True unless the system reports that closing failed; the descriptor is gone either way.
   bool close() noexcept { return !valid() || ::close(std::exchange(fd, -1)) == 0; }
 
  private:
-  int fd = -1;
+  int fd;
 };
 
 }  // namespace zelo

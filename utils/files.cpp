@@ -61,7 +61,7 @@ std::string readFile(const std::string& path) noexcept try {
 }
 
 void writeFile(const std::string& path, const std::string& content) noexcept {
-  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK;
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
   const FileDescriptor file(open(path.c_str(), flags, defaultPermissions));
   if (!file.valid()) return;
   std::size_t written = 0;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -33,11 +34,18 @@ void stopIgnoringSignals() {
   }
 }
 
+// Expired, a timer ends the process.
+void stopTimers() {
+  const itimerval none{};
+  for (const auto timer : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF}) (void)setitimer(timer, &none, nullptr);
+}
+
 }  // namespace
 
 void repairInheritedState() {
   openStandardDescriptors();
   stopIgnoringSignals();
+  stopTimers();
   sigset_t none;
   sigemptyset(&none);
   pthread_sigmask(SIG_SETMASK, &none, nullptr);

@@ -4,9 +4,9 @@ namespace zelo {
 
 /// Puts right what whoever started the process may have left, before the platform's libraries make
 /// choices of their own: standard descriptors that are closed are opened on /dev/null; ignored signals,
-/// which programs would inherit, get their default; blocked ones are unblocked. SIGPIPE and SIGXFSZ, by
-/// which a failed write must not end the daemon, get a handler that does nothing. Throws
-/// `std::runtime_error` when /dev/null cannot be opened.
+/// which programs would inherit, get their default; blocked ones are unblocked; running timers are stopped.
+/// SIGPIPE and SIGXFSZ, by which a failed write must not end the daemon, get a handler that does nothing.
+/// Throws `std::runtime_error` when /dev/null cannot be opened.
 void repairInheritedState();
 
 }  // namespace zelo

@@ -5,6 +5,7 @@
 
 namespace zelo {
 
+/// Releases with the C library's `free`.
 struct FreeDeleter {
   void operator()(char* text) const noexcept { std::free(text); }
 };

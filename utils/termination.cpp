@@ -10,7 +10,7 @@
 namespace zelo {
 namespace {
 
-enum class Activity { acts, waits, waitsForProgram };
+enum class Activity { acts, startsProgram, waitsForProgram, waits };
 
 std::atomic<int> g_termination_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
@@ -46,23 +46,30 @@ void awaitEnd() noexcept {
 }
 
 Wait::Wait(For what) noexcept {
-  if (!become(what == program ? Activity::waitsForProgram : Activity::waits)) awaitEnd();
+  if (!become(what == program ? Activity::startsProgram : Activity::waits)) awaitEnd();
 }
 
 Wait::~Wait() {
   if (!become(Activity::acts)) awaitEnd();
 }
 
+void Wait::programRuns() noexcept {
+  const MutexLock lock(g_activity_mutex);
+  g_activity = Activity::waitsForProgram;
+  pthread_cond_broadcast(&g_activity_changed);
+}
+
 void awaitMainThread(const timespec& deadline) noexcept {
   const MutexLock lock(g_activity_mutex);
   int result = 0;
-  while (g_activity == Activity::acts && result == 0)
+  while ((g_activity == Activity::acts || g_activity == Activity::startsProgram) && result == 0)
     result = pthread_cond_clockwait(&g_activity_changed, &g_activity_mutex, CLOCK_MONOTONIC, &deadline);
 }
 
 void awaitNoProgram() noexcept {
   const MutexLock lock(g_activity_mutex);
-  while (g_activity == Activity::waitsForProgram) pthread_cond_wait(&g_activity_changed, &g_activity_mutex);
+  while (g_activity == Activity::startsProgram || g_activity == Activity::waitsForProgram)
+    pthread_cond_wait(&g_activity_changed, &g_activity_mutex);
 }
 
 }  // namespace zelo

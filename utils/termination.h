@@ -5,11 +5,11 @@
 /// How a termination signal ends the daemon without tearing what it is doing.
 ///
 /// The main thread either acts or waits: for a pause, a download or a program. Once a signal has been
-/// noted, it neither returns from a wait nor begins another one. As soon as it waits, nothing new begins.
+/// noted, it neither returns from a wait nor begins another one. Once it waits, nothing new can begin.
 namespace zelo {
 
 /// Remembers a termination signal. True for the first one only. Async-signal-safe; to be called on the
-/// main thread, so that the thread cannot begin anything between the signal and this note.
+/// main thread, so that the thread cannot begin anything between the signal's arrival and this call.
 [[nodiscard]] bool noteTerminationSignal(int signum) noexcept;
 
 /// The termination signal that was noted, 0 before there is one. Async-signal-safe.
@@ -28,11 +28,15 @@ class Wait {
   Wait(const Wait&) = delete;
   Wait& operator=(const Wait&) = delete;
   ~Wait();
+
+  /// Until then a program that is waited for counts as being started, which is acting.
+  void programRuns() noexcept;
 };
 
-/// For the threads that end the process, after a signal has been noted. The first returns when the main
-/// thread waits, or at the deadline on CLOCK_MONOTONIC; the second when it waits for no program.
+/// Returns when the main thread waits, at the latest at the deadline on CLOCK_MONOTONIC.
 void awaitMainThread(const timespec& deadline) noexcept;
+
+/// Returns when no program is being started or waited for.
 void awaitNoProgram() noexcept;
 
 }  // namespace zelo

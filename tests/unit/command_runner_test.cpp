@@ -60,9 +60,9 @@ void limit(__rlimit_resource resource, rlim_t value) {
   setrlimit(resource, &both);
 }
 
-// Descriptors that are not close-on-exec, most of them beyond the limit.
+// Descriptors that are not close-on-exec, most of them beyond the limit; below it two pipes have room.
 void openMany() {
-  for (int fd = 20; fd < 520; ++fd) dup2(STDIN_FILENO, fd == childsVoice ? 20 : fd);
+  for (int fd = 7; fd < 520; ++fd) dup2(STDIN_FILENO, fd == childsVoice ? 7 : fd);
   limit(RLIMIT_NOFILE, 64);
 }
 
@@ -75,6 +75,12 @@ void forbidCloseRange() {
   const sock_fprog program{4, steps};
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+void closeTheReaderOfErrors() {
+  int ends[2] = {-1, -1};
+  if (pipe(ends) == 0) dup2(ends[1], STDERR_FILENO);
+  close(ends[0]), close(ends[1]);
 }
 
 void discardChildren() {
@@ -118,6 +124,7 @@ TEST(CommandRunner, WorksAndFailsInOddProcesses) {
       {"many descriptors", openMany, listDescriptors, three},
       {"old kernel", [] { openMany(), forbidCloseRange(); }, listDescriptors, three},
       {"no descriptors", [] { limit(RLIMIT_NOFILE, 3); }, echo, "unable to create pipes for reading stdout"},
+      {"nobody reads errors", closeTheReaderOfErrors, {"/none"}, "failed to execute command"},
       {"no processes", forbidProcesses, echo, "unable to fork"},
   };
   for (const auto& row : rows) {

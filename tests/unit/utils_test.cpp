@@ -74,7 +74,7 @@ TEST_F(Utils, FilesAreReadAndWrittenWhole) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   for (const char* path : {"", directory.c_str(), "/none", "/dev/zero", fifo.c_str()})
     EXPECT_EQ(readFile(path), "") << path;
-  for (const std::string& path : {std::string(), directory, file + "/x", fifo}) writeFile(path, "x");
+  for (const std::string& path : {std::string(), directory, file + "/x"}) writeFile(path, "x");
   writeFile(file, bytes);
   fake::g_largest_block = bytes.size();
   EXPECT_EQ(readFile(file), "") << "larger than the memory";

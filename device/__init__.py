@@ -2,3 +2,5 @@
 
 `device.virtual_device.VirtualDevice` is where to begin.
 """
+
+PATIENCE = 100  # seconds to wait for what should come at once: a machine under load is no fault

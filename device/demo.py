@@ -1,81 +1,29 @@
 """Shows on virtual devices what the daemon does with good and bad bundles."""
 
+import argparse
 import os
 import sys
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
-from dataclasses import dataclass
 from pathlib import Path
 
+from device import command_line
+from device.cases import (ANOTHER, BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
+                          RETRIES, STAGES, TEMPLATE, Case, both, failing, good, marker, nothing,
+                          raw_archive, ready_device, script, setting, signed, tampered)
+from device.gate import Gate
 from device.https_server import Content, Status
 from device.run import Run
 from device.virtual_device import ARCHIVE, VirtualDevice
 
-RETRIES = "zelo.installer.download.retries"
-TIMEOUT = "zelo.installer.download.timeout.seconds"
-TEMPLATE = "url.zelo.installer.metadata"
-
 LEVELS = {3: "err", 4: "warning", 5: "notice"}
 
 
-def start_once(device: VirtualDevice) -> list[Run]:
-    run = device.start()
-    run.wait()
-    return [run]
-
-
-@dataclass(frozen=True)
-class Scenario:
-    title: str
-    published: str
-    prepare: Callable[[VirtualDevice], None]
-    says: str  # a part of the log line that tells the story
-    code: str | None = None  # what the user is shown
-    statuses: tuple[int, ...] = (0,)
-    play: Callable[[VirtualDevice], list[Run]] = start_once
-
-
-def good(device: VirtualDevice) -> None:
-    device.publish(device.make_bundle())
-
-
-def unreachable(device: VirtualDevice) -> None:
-    device.set_pref(TEMPLATE, "https://bundles.zelo.example:1/zelo_installer_meta.json?version=%s&package=%s")
-    device.set_pref(RETRIES, "1")
-
-
 def plain_http(device: VirtualDevice) -> None:
-    bundle = device.make_bundle()
-    device.publish(bundle.with_url(device.url(ARCHIVE).replace("https:", "http:")))
+    device.publish(device.published.with_url(device.url(ARCHIVE).replace("https:", "http:")))
 
 
-def tampered(device: VirtualDevice) -> None:
-    device.publish(device.make_bundle().tampered())
-
-
-def dev_signed(device: VirtualDevice) -> None:
-    device.publish(device.make_bundle("dev"))
-
-
-def dev_signed_with_marker(device: VirtualDevice) -> None:
-    device.marker(True)
-    dev_signed(device)
-
-
-def no_archive(device: VirtualDevice) -> None:
-    device.publish(device.sign(b"this is no gzip archive\n"))
-
-
-def recovering(device: VirtualDevice) -> None:
-    bundle = device.make_bundle()
-    device.publish(bundle)
-    device.server.answer(ARCHIVE, Status(503), Content(bundle.archive))
+def failing_once(device: VirtualDevice) -> None:
+    device.server.answer(ARCHIVE, Status(503), Content(device.published.archive))
     device.set_pref(RETRIES, "3")
-
-
-def deferred(device: VirtualDevice) -> None:
-    good(device)
-    device.defer_transfers(9)
 
 
 def start_and_undefer(device: VirtualDevice) -> list[Run]:
@@ -86,100 +34,88 @@ def start_and_undefer(device: VirtualDevice) -> list[Run]:
     return [run]
 
 
-def failing_script(device: VirtualDevice) -> None:
-    device.publish(device.make_bundle(script="#!/bin/sh\nexit 1\n"))
-
-
-def no_attempt(device: VirtualDevice) -> None:
-    good(device)
-    device.set_pref(RETRIES, "-1")
-
-
-def waiting_script(device: VirtualDevice) -> None:
-    os.mkfifo(device.path("/run/gate"))
-    device.publish(device.make_bundle(script="#!/bin/sh\nread line < /run/gate\n"))
-
-
 def start_twice(device: VirtualDevice) -> list[Run]:
+    gate = Gate(device)
     first = device.start()
-    first.wait_for_line("Running installer")
+    gate.wait()
     second = device.start()
     second.wait()
-    device.path("/run/gate").write_text("go on\n")
+    gate.open()
     first.wait()
     return [first, second]
 
 
-SCENARIOS = (
-    Scenario("good bundle", "a bundle signed with the production key", good, "signum=0:We're going down"),
-    Scenario("unreachable", "nothing: nobody listens at the configured address; one retry", unreachable,
-             "metadata download failed due to download failed", "02"),
-    Scenario("address refused", "a document that names an http address", plain_http,
-             "http/loopback address not allowed", "02"),
-    Scenario("tampered bundle", "a bundle with one bit changed after it was signed", tampered,
-             "failed to execute command. code=00", "00"),
-    Scenario("development bundle, ordinary device", "a bundle signed with the development key", dev_signed,
-             "failed to execute command. code=00", "00"),
-    Scenario("development bundle, debugging marker", "a bundle signed with the development key",
-             dev_signed_with_marker, "Running installer"),
-    Scenario("no archive", "signed bytes that are no gzip archive", no_archive, "code=01", "01"),
-    Scenario("download recovers", "a good bundle, but the first request gets status 503", recovering,
-             "bundle download failed due to download failed"),
-    Scenario("deferred, then completed", "a good bundle; the transfer service puts the download off for a while",
-             deferred, "download deferred due to high priority items", play=start_and_undefer),
-    Scenario("failing script", "a bundle whose run.sh ends with status 1", failing_script, "code=03", "03"),
-    Scenario("retries set to -1", "a good bundle", no_attempt, "illegal state. code=99", "99"),
-    Scenario("second start", "a bundle whose run.sh waits until the second start has ended", waiting_script,
-             "one more instance of zeloinstall is running. Exiting", None, (0, 1), start_twice),
+CASES = (
+    good("good", nothing, published="a bundle signed with the production key"),
+    failing("unreachable", both(setting(TEMPLATE, NOBODY), setting(RETRIES, "1")), 1, LOST, "02",
+            *[METADATA_FAILED + LOST] * 2,
+            published="nothing: nobody listens at the configured address; one retry"),
+    failing("address-refused", plain_http, 1, "http/loopback address not allowed", "02",
+            published="a document that names an http address"),
+    failing("tampered", tampered, 3, NO_COMMAND, "00",
+            published="a bundle with one bit changed after it was signed"),
+    failing("development-key", signed("dev"), 3, NO_COMMAND, "00",
+            published="a bundle signed with the development key, for an ordinary device"),
+    good("debugging-marker", both(signed("dev"), marker),
+         published="a bundle signed with the development key, for a device with debugging features"),
+    good("debugging-marker-production", marker, DEV_REFUSED + NO_COMMAND,
+         published="a bundle signed with the production key, for a device with debugging features"),
+    failing("no-archive", raw_archive(b"this is no gzip archive\n"), 4, NO_COMMAND, "01",
+            published="signed bytes that are no gzip archive"),
+    Case("recovering", failing_once, [*STAGES[:2], BUNDLE_FAILED + LOST, *STAGES[2:], END],
+         published="a good bundle, but the first request gets status 503"),
+    Case("deferred", lambda d: d.defer_transfers(9), [*STAGES, END], play=start_and_undefer,
+         published="a good bundle; the transfer service puts the download off for a while"),
+    failing("failing-script", script("echo no room >&2; exit 1"), 5, NO_COMMAND, "03",
+            published="a bundle whose run.sh says why and ends with status 1"),
+    failing("no-attempt", setting(RETRIES, "-1"), 1, "illegal state", "99",
+            published="a good bundle, but the number of retries is set to -1"),
+    Case("second-start", script(Gate.WAIT), [*STAGES, ANOTHER, END], statuses=(0, 1), play=start_twice,
+         published="a bundle whose run.sh waits until a second start has ended"),
 )
 
 
-@contextmanager
-def staged(build: Path, scenario: Scenario) -> Iterator[VirtualDevice]:
-    """A device on which the scenario is ready to be played."""
-    with VirtualDevice(build) as device:
-        device.set_pref(RETRIES, "0")
-        device.set_pref(TIMEOUT, "20")
-        scenario.prepare(device)
-        yield device
-
-
-def faults(scenario: Scenario, device: VirtualDevice, runs: list[Run]) -> list[str]:
-    """What did not go as the scenario says."""
-    found = []
-    statuses = tuple(run.status for run in runs)
-    if statuses != scenario.statuses:
-        found.append(f"exit status {statuses} instead of {scenario.statuses}")
-    if not any(scenario.says in line for line in device.log_lines()):
-        found.append(f"no log line says {scenario.says!r}")
-    shown = [line.split(": ")[1] for line in device.shell_lines()]
-    expected = [] if scenario.code is None else ["load = zelo", f"showError {scenario.code}"]
-    if shown != expected:
-        found.append(f"the UI shell shows {shown} instead of {expected}")
-    return found
-
-
-def show(scenario: Scenario, device: VirtualDevice, runs: list[Run]) -> None:
-    print(f"=== {scenario.title}\npublished:   {scenario.published}\nlog:")
+def show(case: Case, device: VirtualDevice, runs: list[Run]) -> None:
+    print(f"=== {case.name}\npublished:   {case.published}\nlog:")
     for line in device.syslog.lines():
         print(f"  {LEVELS.get(line.priority & 7, line.priority):<7}  {line.ident}[{line.pid}]: {line.text}")
+    for text in (line for run in runs for line in run.output().splitlines()):
+        print(f"standard error: {text}")
     print(f"exit status: {', '.join(str(run.status) for run in runs)}")
     print("UI shell:    " + ("; ".join(device.shell_lines()) or "nothing shown"))
 
 
+def play(case: Case, build: Path) -> bool:
+    """Whether all went as it should."""
+    with ready_device(build) as device:
+        case.change(device)
+        runs = case.play(device)
+        show(case, device, runs)
+        faults = case.faults(device, runs)
+    for fault in faults:
+        print(f"UNEXPECTED:  {fault}")
+    print(flush=True)
+    return not faults
+
+
 def main() -> int:
-    build = Path(sys.argv[1])
-    failed = 0
-    for scenario in SCENARIOS:
-        with staged(build, scenario) as device:
-            runs = scenario.play(device)
-            show(scenario, device, runs)
-            for fault in faults(scenario, device, runs):
-                print(f"UNEXPECTED:  {fault}")
-                failed = 1
-        print(flush=True)
-    return failed
+    cases = {case.name: case for case in CASES}
+    parser = argparse.ArgumentParser(
+        prog="./demo", description=__doc__,
+        epilog="Exit status: 0 when all went as it should, 1 when not, 2 for wrong usage.")
+    parser.add_argument("names", nargs="*", metavar="NAME", help="what to show, instead of everything")
+    parser.add_argument("--list", action="store_true", help="list the names")
+    arguments = parser.parse_args()
+    if unknown := [name for name in arguments.names if name not in cases]:
+        parser.error(f"nothing is named {', '.join(unknown)}; see --list")
+    if arguments.list:
+        for case in CASES:
+            print(f"{case.name:<28} {case.published}")
+        return 0
+    build = Path(os.environ.get("ZELO_BUILD_DIR", "build/release"))
+    results = [play(cases[name], build) for name in arguments.names or cases]
+    return 0 if all(results) else 1
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(command_line.run("demo", main))

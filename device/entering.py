@@ -24,22 +24,17 @@ def tmpfs(path: str, size: str) -> str:
     return f'/usr/bin/mount -t tmpfs -o size={size},mode=1777 none "$0{path}"'
 
 
-def read_only(path: str) -> str:
-    """A step that makes `path` read-only."""
-    return f'/usr/bin/mount --bind "$0{path}" "$0{path}" && /usr/bin/mount -o remount,bind,ro "$0{path}"'
-
-
 def as_root() -> list[str]:
     """Prefix for a program outside the root that must have the user id of those inside."""
     return [] if AS_ROOT else ["/usr/bin/unshare", "-r"]
 
 
-def enter(root: str, mounts: Sequence[str] = (), last: Sequence[str] = (), user: int = 0) -> list[str]:
+def enter(root: str, mounts: Sequence[str] = (), last: Sequence[str] = ()) -> list[str]:
     """Prefix for a program inside `root`, its path and arguments follow. Needs no environment.
 
-    `last` is a prefix of its own for what comes behind the mounts. Another `user` takes root to become.
+    `last` is a prefix of its own for what comes after the mounts.
     """
-    chroot = [*last, "/usr/sbin/chroot", *([f"--userspec={user}:{user}"] if user else []), root]
+    chroot = [*last, "/usr/sbin/chroot", root]
     mounts = [*ALWAYS, *mounts]
     if not mounts:
         return [*as_root(), *chroot]

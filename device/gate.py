@@ -1,15 +1,16 @@
-"""Programs of a device that wait in the middle of a run until they are let go on."""
+"""Programs of a device that stop in the middle of a run until they are let go on."""
 
 import os
+import signal
 import time
 from collections.abc import Callable
-from typing import TYPE_CHECKING
+from pathlib import Path
 
-if TYPE_CHECKING:
-    from device.virtual_device import VirtualDevice
+from device import PATIENCE
+from device.virtual_device import VirtualDevice
 
 
-def until(condition: Callable[[], object], timeout: float = 30) -> None:
+def until(condition: Callable[[], object], timeout: float = PATIENCE) -> None:
     """Returns as soon as the condition holds."""
     deadline = time.monotonic() + timeout
     while not condition():
@@ -18,37 +19,35 @@ def until(condition: Callable[[], object], timeout: float = 30) -> None:
         time.sleep(0.002)
 
 
-class Gate:
-    # For shell scripts: says which process waits, then waits.
-    WAIT = "echo $$ > /run/waiting\nread line < /run/gate\n"
+def is_stopped(pid: int) -> bool:
+    return Path(f"/proc/{pid}/stat").read_text().rpartition(") ")[2].startswith("T")
 
-    def __init__(self, device: "VirtualDevice", name: str = "gate"):
+
+class Gate:
+    # For shell scripts: says which process stops, then stops.
+    WAIT = "echo $$ > /run/waiting\nkill -STOP $$\n"
+
+    def __init__(self, device: VirtualDevice):
         self._device = device
         self._waiting = device.path("/run/waiting")
-        self.path = device.path(f"/run/{name}")
-        os.mkfifo(self.path)
-        # Open for both, so that neither side waits for the other to come.
-        self._gate = os.open(self.path, os.O_RDWR)
-
-    def __enter__(self) -> "Gate":
-        return self
-
-    def __exit__(self, *exception: object) -> None:
-        os.close(self._gate)
+        self._stopped: list[int] = []
 
     def hold(self, program: str) -> None:
-        """From now on the program waits before it does its work."""
+        """From now on the program stops before it does its work."""
         held = f"{program}.held"
         self._device.path(program).rename(self._device.path(held))
         self._device.write(program, f'#!/bin/sh\n{self.WAIT}exec {held} "$@"\n', 0o755)
 
     def wait(self) -> int:
-        """The process that waits, as soon as there is one."""
+        """The process that has stopped, as soon as there is one."""
         until(lambda: self._waiting.exists() and self._waiting.read_text().endswith("\n"))
         pid = int(self._waiting.read_text())
         self._waiting.unlink()
+        until(lambda: is_stopped(pid))
+        self._stopped.append(pid)
         return pid
 
-    def open(self, count: int = 1) -> None:
-        """Lets so many programs go on."""
-        os.write(self._gate, b"\n" * count)
+    def open(self) -> None:
+        """Lets all that have stopped go on."""
+        while self._stopped:
+            os.kill(self._stopped.pop(), signal.SIGCONT)

@@ -1,21 +1,43 @@
 """The download server: HTTPS on an ephemeral port of this machine, with an answer for every purpose."""
 
+import functools
 import ssl
 import threading
 from dataclasses import dataclass
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
+from typing import TYPE_CHECKING
 from urllib.parse import urlsplit
 
+if TYPE_CHECKING:
+    import trustme
+
+HOST = "bundles.zelo.example"
+AUTHORITY = "Virtual device"
 BLOCK = 1 << 18
+
+
+@functools.cache
+def authority(name: str) -> "trustme.CA":
+    """The certificate authority of that name; each process has its own."""
+    import trustme  # here, because the demo can be listed before anything is installed
+    return trustme.CA(organization_name=name)
+
+
+@functools.cache
+def certificate() -> "trustme.LeafCert":
+    return authority(AUTHORITY).issue_cert(HOST)
 
 
 @dataclass(frozen=True)
 class Content:
-    """The bytes, or the file, with status 200."""
+    """The bytes, or the file, with status 200; not before `event` is set when there is one."""
     body: bytes | Path
+    event: threading.Event | None = None
 
     def send(self, handler: "Handler") -> None:
+        if self.event is not None:
+            self.event.wait()
         size = self.body.stat().st_size if isinstance(self.body, Path) else len(self.body)
         handler.send_head(200, {"Content-Length": size})
         if isinstance(self.body, bytes):
@@ -47,14 +69,12 @@ class Redirect:
 
 @dataclass(frozen=True)
 class Stall:
-    """Begins a body of `promised` bytes and stops after `begun`, with the connection left open."""
-    begun: bytes = b""
-    promised: int = 1 << 20
+    """Sends some bytes each second, and never comes to an end."""
 
     def send(self, handler: "Handler") -> None:
-        handler.send_head(200, {"Content-Length": self.promised})
-        handler.wfile.write(self.begun)
-        handler.server.stopping.wait()
+        handler.send_head(200, {"Content-Length": 1 << 20})
+        while not handler.server.stopping.wait(1):
+            handler.wfile.write(bytes(64))
         handler.close_connection = True
 
 
@@ -103,10 +123,10 @@ class Server(ThreadingHTTPServer):
     daemon_threads = True
     block_on_close = False
 
-    def __init__(self, certificate: Path, key: Path):
+    def __init__(self) -> None:
         super().__init__(("127.0.0.1", 0), Handler)
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(certificate, key)
+        certificate().configure_cert(context)
         self.socket = context.wrap_socket(self.socket, server_side=True, do_handshake_on_connect=False)
         self.requests: list[str] = []  # the targets asked for, in order, queries included
         self.stopping = threading.Event()

@@ -4,11 +4,12 @@ import signal
 import subprocess
 from pathlib import Path
 
+from device import PATIENCE
 from device.syslog_receiver import LogLine, SyslogReceiver
 
 
 class Run:
-    def __init__(self, process: subprocess.Popen, output: Path, syslog: SyslogReceiver):
+    def __init__(self, process: subprocess.Popen[bytes], output: Path, syslog: SyslogReceiver):
         self._process = process
         self._output = output
         self._syslog = syslog
@@ -19,7 +20,7 @@ class Run:
         """The exit status, the negative signal number, or None while it runs."""
         return self._process.poll()
 
-    def wait(self, timeout: float | None = 60) -> int:
+    def wait(self, timeout: float | None = PATIENCE) -> int:
         """The status, once the daemon has ended; None waits as long as it takes."""
         return self._process.wait(timeout)
 
@@ -30,7 +31,7 @@ class Run:
         self._process.send_signal(signal.SIGKILL)
         self._process.wait()
 
-    def wait_for_line(self, text: str, timeout: float = 30) -> LogLine:
+    def wait_for_line(self, text: str, timeout: float = PATIENCE) -> LogLine:
         """The first line of this start that holds `text`, as soon as it is there."""
         return self._syslog.wait_for(text, self.pid, timeout)
 

@@ -6,8 +6,10 @@ import threading
 from collections.abc import Sequence
 from pathlib import Path
 
+from device import PATIENCE
 from device.entering import as_root, enter
 
+NO_ENVIRONMENT: dict[str, str] = {}
 BUS_SOCKET = "run/kbus.sock"
 BUS_CONFIG = """\
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
@@ -29,11 +31,12 @@ class Service:
     """A program that is ready once it has written a certain line; what it writes is kept."""
 
     def __init__(self, command: Sequence[str | Path], cwd: Path, ready: str):
+        self._name = " ".join(map(str, command))
         self._lines: list[str] = []
         self._ended = False
         self._changed = threading.Condition()
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, cwd=cwd, env={}, text=True,
+                                        stderr=subprocess.STDOUT, cwd=cwd, env=NO_ENVIRONMENT, text=True,
                                         start_new_session=True)
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
@@ -47,7 +50,7 @@ class Service:
         with self._changed:
             return list(self._lines)
 
-    def wait_for(self, pattern: str, timeout: float = 30) -> str:
+    def wait_for(self, pattern: str, timeout: float = PATIENCE) -> str:
         """The first line that matches the regular expression; fails when the program ends without it."""
         def found() -> str | None:
             return next((line for line in self._lines if re.fullmatch(pattern, line)), None)
@@ -55,18 +58,19 @@ class Service:
         with self._changed:
             self._changed.wait_for(lambda: self._ended or found() is not None, timeout)
             if (line := found()) is None:
-                raise RuntimeError(f"{self.process.args}: no line {pattern!r} but {self._lines}")
+                raise RuntimeError(f"{self._name}: no line {pattern!r} but {self._lines}")
             return line
 
     def stop(self) -> None:
         self.process.kill()
         self.process.wait()
         self._reader.join()
-        self.process.stdout.close()
 
     def _read(self) -> None:
-        for line in self.process.stdout:
-            self._append(line.rstrip("\n"))
+        assert self.process.stdout is not None
+        with self.process.stdout as output:
+            for line in output:
+                self._append(line.rstrip("\n"))
         with self._changed:
             self._ended = True
             self._changed.notify_all()
@@ -91,8 +95,8 @@ class TransferService(Service):
 
     PROGRAM = "/usr/sbin/transfer-service"
 
-    def __init__(self, base: Path, root: Path, mounts: Sequence[str] = (), user: int = 0):
-        super().__init__([*enter(str(root), mounts, user=user), self.PROGRAM], base, "transfer-service: ready")
+    def __init__(self, base: Path, root: Path, mounts: Sequence[str] = ()):
+        super().__init__([*enter(str(root), mounts), self.PROGRAM], base, "transfer-service: ready")
 
 
 class Shell:
@@ -109,10 +113,10 @@ class Shell:
 
     def lines(self) -> list[str]:
         """What the shell has shown for everything that was sent to it until now."""
-        # The bus keeps the order, so the answer to this comes behind everything that was sent before.
+        # The bus keeps the order, so the answer to this comes after everything that was sent before.
         self._asked += 1
         barrier = [*self._enter, self.TOOL, "com.qorvex.vestrel", "load", f"barrier-{self._asked}"]
-        if subprocess.run(barrier, env={}, capture_output=True, check=False).returncode == 0:
+        if subprocess.run(barrier, env=NO_ENVIRONMENT, capture_output=True, check=False).returncode == 0:
             self._service.wait_for(f"vestrel: load = barrier-{self._asked}")
         own = re.compile(r"vestrel: (ready|load = barrier-\d+)")
         return [line for line in self._service.lines() if not own.fullmatch(line)]

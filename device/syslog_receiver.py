@@ -9,6 +9,8 @@ import uuid
 from dataclasses import dataclass
 from pathlib import Path
 
+from device import PATIENCE
+
 DATAGRAM = re.compile(r"<(\d+)>\w{3} [ \d]\d [\d:]{8} ([^\[:]*)(?:\[(\d+)\])?: (.*)", re.DOTALL)
 
 
@@ -39,6 +41,7 @@ class SyslogReceiver:
         path.chmod(0o666)
         self._lines: list[LogLine] = []
         self._changed = threading.Condition()
+        self._thread: threading.Thread | None = None
         self.resume()
 
     def lines(self, pid: int | None = None) -> list[LogLine]:
@@ -47,7 +50,7 @@ class SyslogReceiver:
         with self._changed:
             return [line for line in self._lines if pid in (None, line.pid)]
 
-    def wait_for(self, text: str, pid: int | None = None, timeout: float = 30) -> LogLine:
+    def wait_for(self, text: str, pid: int | None = None, timeout: float = PATIENCE) -> LogLine:
         """The first line that holds `text`, as soon as it is there."""
         def found() -> LogLine | None:
             return next((line for line in self._lines if text in line.text and pid in (None, line.pid)), None)
@@ -98,9 +101,9 @@ class SyslogReceiver:
             return
         marker = uuid.uuid4().bytes
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-            sender.settimeout(10)
+            sender.settimeout(PATIENCE)
             sender.sendto(marker, self._path)
-        deadline = time.monotonic() + 10
+        deadline = time.monotonic() + PATIENCE
         with self._changed:
             while not any(line.raw == marker for line in self._lines):
                 if not self._changed.wait(deadline - time.monotonic()):

@@ -8,8 +8,8 @@ from itertools import chain
 from pathlib import Path
 
 from device.booted_root import BootedRoot, wait_for
-from device.https_server import Content, Server
-from device.keys import HOST, Keys
+from device.https_server import AUTHORITY, HOST, Content, Server, authority
+from device.keys import Keys
 from device.services import BUS_CONFIG
 
 ROOT = Path(__file__).resolve().parents[1]
@@ -29,7 +29,7 @@ class SystemdDevice(BootedRoot):
         for path, text in {
             "/etc/hosts": f"127.0.0.1 {HOST}\n", "/etc/kbus.conf": BUS_CONFIG.format(socket="/run/kbus.sock"),
             "/etc/device-info": "[device]\nsoftware_version=1\nsoftware_package_name=base\n",
-            "/etc/ssl/certs/ca-certificates.crt": keys.authority().read_text(),
+            "/etc/ssl/certs/ca-certificates.crt": authority(AUTHORITY).cert_pem.bytes().decode(),
             "/etc/zelo/pubkeyprod.pem": keys.public("prod").read_text(),
             f"{AUTHOR}/key": keys.private("prod").read_text(),
             "/var/lib/prefbox/url.zelo.installer.metadata": f"{self.url}{DOCUMENT}?%s&%s",
@@ -81,6 +81,6 @@ class SystemdDevice(BootedRoot):
 def running_device(root: Path, build: Path) -> Iterator[SystemdDevice]:
     """`root` is a directory that ci/check-packages has made. Raises `CannotBoot`."""
     keys = Keys(build / "device" / "keys")
-    with SystemdDevice(root) as device, closing(Server(*keys.server())) as server:
+    with SystemdDevice(root) as device, closing(Server()) as server:
         device.prepare(build, keys, server)
         yield device

@@ -1,4 +1,4 @@
-"""The virtual device: everything of it behind one context manager.
+"""The virtual device: everything of it in one context manager.
 
     with VirtualDevice(Path("build/release")) as device:
         device.publish(device.make_bundle())
@@ -12,18 +12,18 @@ import os
 import shutil
 import struct
 import subprocess
-import tempfile
 from collections.abc import Mapping, Sequence
 from contextlib import ExitStack
 from pathlib import Path
+from typing import Any
 
 from device.architecture import architecture
-from device.bundles import Bundle, make_bundle, sign
+from device.base_directory import base_directory
+from device.bundles import SUCCEEDING_SCRIPT, Bundle, make_bundle, sign
 from device.entering import enter, join_mounts
-from device.guardian import Guardian, clear
-from device.https_server import Content, Server
-from device.keys import HOST, Keys
-from device.rootfs import DAEMON, Template, make_null_device
+from device.https_server import AUTHORITY, HOST, Content, Server, authority
+from device.keys import Keys
+from device.rootfs import DAEMON, fill, make_null_device
 from device.run import Run
 from device.services import Shell, TransferService, start_bus
 from device.syslog_receiver import SyslogReceiver
@@ -31,6 +31,7 @@ from device.syslog_receiver import SyslogReceiver
 ARCHIVE = "/zelo_installer.tar.gz"
 DOCUMENT = "/zelo_installer_meta.json"
 DEVICE_INFO = "[device]\nsoftware_version=123456789012\nsoftware_package_name=base image/1\n"
+AUTHORITIES = "/etc/ssl/certs/ca-certificates.crt"
 MARKER = "/PRE_GM_DEBUGGING_FEATURES_ENABLED__REMOVE_AT_GMC"
 
 
@@ -38,15 +39,13 @@ class VirtualDevice:
     """A device with its services running, from entering the context to leaving it.
 
     `build` is the build directory of the daemon. `files` puts further files into the root or replaces
-    programs (see `Template`).
+    programs (see `rootfs.fill`).
     The keys "prod" and "dev" are installed, and the address of the metadata document is configured.
     """
 
-    _guardian: Guardian | None = None
-
     def __init__(self, build: str | Path, files: Mapping[str, Path] | None = None):
-        build = Path(build).resolve()
-        self._template = Template(build, files or {})
+        self._build = build = Path(build).resolve()
+        self._files = files or {}
         self._launcher = architecture(build / "zeloinstall").launcher
         self._numbers = itertools.count(1)
         self._join: list[str] = []  # what has the daemon see the transfer service's mounts
@@ -54,11 +53,14 @@ class VirtualDevice:
 
     def __enter__(self) -> "VirtualDevice":
         with ExitStack() as stack:
-            self._make_root(stack)
+            self._base = stack.enter_context(base_directory())
+            self.root = self._base / "root"
+            fill(self.root, self._build, self._files)
             self._configure()
+            self._try_a_program()
             self.syslog = SyslogReceiver(self.path("/dev/log"))
             stack.callback(self.syslog.close)
-            self.server = Server(*self.keys.server())
+            self.server = Server()
             stack.callback(self.server.close)
             self.bus = start_bus(self._base, self.root)
             stack.callback(self.bus.stop)
@@ -85,7 +87,7 @@ class VirtualDevice:
     def write(self, path: str, content: str | bytes | Path, mode: int = 0o644) -> None:
         """Puts a file into the root in place of what may be there."""
         target = self.path(path)
-        target.unlink(missing_ok=True)  # it may be a link to the template's file
+        target.unlink(missing_ok=True)
         if isinstance(content, Path):
             shutil.copyfile(content, target)
         else:
@@ -111,23 +113,19 @@ class VirtualDevice:
         else:
             self.path(MARKER).unlink(missing_ok=True)
 
-    def make_bundle(self, key: str = "prod", **contents) -> Bundle:
-        """A bundle signed with the key pair `key`; for `contents` see `bundles.make_bundle`."""
-        return make_bundle(self.keys.private(key), self.url(ARCHIVE), **contents)
+    def make_bundle(self, key: str = "prod", script: str = SUCCEEDING_SCRIPT,
+                    files: Mapping[str, bytes] | None = None) -> Bundle:
+        """A bundle signed with the key pair `key`; for the rest see `bundles.make_bundle`."""
+        return make_bundle(self.keys.private(key), self.url(ARCHIVE), script, files)
 
     def sign(self, archive: bytes, key: str = "prod") -> Bundle:
         """A bundle whose archive is just these bytes."""
         return sign(self.keys.private(key), self.url(ARCHIVE), archive)
 
     def publish(self, bundle: Bundle) -> None:
+        self.published = bundle
         self.server.answer(DOCUMENT, Content(bundle.document))
         self.server.answer(ARCHIVE, Content(bundle.archive))
-
-    def admit(self, user: int) -> None:
-        """Lets another user start the daemon."""
-        self._base.chmod(0o711)
-        for directory in ("/run", "/var/run"):
-            os.chown(self.path(directory), user, user)
 
     def lock_holder(self) -> int | None:
         """The process that holds the lock of the daemon's single instance."""
@@ -139,14 +137,13 @@ class VirtualDevice:
             return None
         return None if kind == fcntl.F_UNLCK else pid
 
-    def restart_transfers(self, mounts: Sequence[str] = (), user: int = 0) -> None:
+    def restart_transfers(self, mounts: Sequence[str] = ()) -> None:
         """Starts the transfer service anew.
 
-        `mounts` are steps of `entering`; the daemon sees them too when it is started afterwards. Another
-        `user` needs `admit`.
+        `mounts` are steps of `entering`; the daemon sees them too when it is started afterwards.
         """
         self.transfers.stop()
-        self.transfers = TransferService(self._base, self.root, mounts, user)
+        self.transfers = TransferService(self._base, self.root, mounts)
         self._join = join_mounts(self.transfers.process.pid) if mounts else []
 
     def defer_transfers(self, code: int | None) -> None:
@@ -157,33 +154,26 @@ class VirtualDevice:
         else:
             file.write_text(f"{code}\n")
 
-    def start(self, *, prefix: Sequence[str] = (), last: Sequence[str] = (), user: int = 0,
-              env: Mapping[str, str] | None = None, program: str = DAEMON, **popen) -> Run:
+    def start(self, *, prefix: Sequence[str] = (), last: Sequence[str] = (),
+              env: Mapping[str, str] | None = None, **popen: Any) -> Run:
         """Starts the daemon, with an empty environment unless told otherwise.
 
-        `prefix` starts it from outside the root, e.g. setarch; for `last` and `user` see `enter`, for what
-        another user needs `admit`. Further arguments go to `subprocess.Popen`, e.g. `preexec_fn` and
-        `restore_signals=False`.
+        `prefix` starts it from outside the root, e.g. setarch; for `last` see `enter`. Further arguments go
+        to `subprocess.Popen`, e.g. `preexec_fn`.
         """
         output = self._base / f"output.{next(self._numbers)}"
-        command = [*prefix, *self._join, *enter(str(self.root), (), last, user), *self._launcher, program]
+        command = [*prefix, *self._join, *enter(str(self.root), (), last), *self._launcher, DAEMON]
         with open(output, "wb") as sink:
-            streams = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink}
-            process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **{**streams, **popen})
+            popen = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink, **popen}
+            process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **popen)
         run = Run(process, output, self.syslog)
         self._runs.callback(run.stop)
         return run
 
-    def popen(self, command: Sequence[str], **popen) -> subprocess.Popen:
+    def popen(self, command: Sequence[str], **popen: Any) -> subprocess.Popen[bytes]:
         """Starts any program inside the root; whoever asks for it waits for its end."""
-        return subprocess.Popen([*enter(str(self.root)), *command],
-                                **{"env": {}, "cwd": self._base, "stdin": subprocess.DEVNULL, **popen})
-
-    def command(self, command: Sequence[str], check: bool = True, **run) -> subprocess.CompletedProcess:
-        """Runs any program inside the root to its end and captures what it writes."""
-        arguments = {"env": {}, "cwd": self._base, "stdin": subprocess.DEVNULL, "text": True, "timeout": 60,
-                     "capture_output": True, **run}
-        return subprocess.run([*enter(str(self.root)), *command], check=check, **arguments)
+        popen = {"env": {}, "cwd": self._base, "stdin": subprocess.DEVNULL, **popen}
+        return subprocess.Popen([*enter(str(self.root)), *command], **popen)
 
     def log_lines(self) -> list[str]:
         """The texts of all that was logged on the device."""
@@ -197,22 +187,18 @@ class VirtualDevice:
         """What the starts of the daemon have left under /tmp."""
         return sorted(self.path("/tmp").glob("zeloinstall.*"))
 
-    def _make_root(self, stack: ExitStack) -> None:
-        if VirtualDevice._guardian is None:
-            VirtualDevice._guardian = Guardian()
-        # Short, because the path of a socket holds 108 bytes.
-        self._base = Path(tempfile.mkdtemp(prefix="zd.", dir="/tmp"))
-        self._guardian.watch(self._base)
-        stack.callback(self._guardian.forget, self._base)
-        stack.callback(clear, self._base)
-        self.root = self._base / "root"
-        self._template.clone(self.root)
-
     def _configure(self) -> None:
         make_null_device(self.path("/dev/null"))
         self.write("/etc/hosts", f"127.0.0.1 localhost {HOST}\n")
         self.write("/etc/nsswitch.conf", "hosts: files\n")
         self.write("/etc/device-info", DEVICE_INFO)
-        self.write("/etc/ssl/certs/ca-certificates.crt", self.keys.authority())
+        self.write(AUTHORITIES, authority(AUTHORITY).cert_pem.bytes())
         for name in ("prod", "dev"):
             self.install_key(f"/etc/zelo/pubkey{name}.pem", name)
+
+    def _try_a_program(self) -> None:
+        trial = [*enter(str(self.root)), "/bin/sh", "-c", ":"]
+        done = subprocess.run(trial, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            raise RuntimeError("the virtual device needs root or unprivileged user namespaces, and must be "
+                               f"allowed to run programs under {self._base.parent}: {done.stderr.strip()}")

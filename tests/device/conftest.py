@@ -5,12 +5,10 @@ from pathlib import Path
 
 import pytest
 
-from device.architecture import architecture, native_build
-from device.demo import RETRIES, TIMEOUT
+from device.architecture import architecture
+from device.cases import ready_device
 from device.gate import Gate
 from device.virtual_device import VirtualDevice
-
-RELEASE_LOG = "/usr/lib/release-log.so"
 
 
 @pytest.fixture(scope="session")
@@ -29,17 +27,10 @@ def plain_only(plain: bool) -> None:
 
 @pytest.fixture
 def device(build: Path) -> Iterator[VirtualDevice]:
-    """A device with a good bundle published, one attempt at each download, and the probes at hand."""
-    probes = native_build(build) / "tests" / "device"
-    files = {"/usr/bin/zelo-probe": probes / "zelo-probe", RELEASE_LOG: probes / "librelease_log.so"}
-    with VirtualDevice(build, files) as device:
-        device.set_pref(RETRIES, "0")
-        device.set_pref(TIMEOUT, "20")
-        device.publish(device.make_bundle())
+    with ready_device(build) as device:
         yield device
 
 
 @pytest.fixture
-def gate(device: VirtualDevice) -> Iterator[Gate]:
-    with Gate(device) as gate:
-        yield gate
+def gate(device: VirtualDevice) -> Gate:
+    return Gate(device)

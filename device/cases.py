@@ -1,0 +1,196 @@
+"""What can be changed about a device, and what a start of the daemon then logs, ends with and shows.
+
+The demo and the tests are made of these words.
+"""
+
+import io
+import json
+import re
+import tarfile
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from dataclasses import dataclass, replace
+from pathlib import Path
+
+from device.https_server import Answer, authority
+from device.run import Run
+from device.virtual_device import AUTHORITIES, VirtualDevice
+
+RETRIES = "zelo.installer.download.retries"
+TIMEOUT = "zelo.installer.download.timeout.seconds"
+TEMPLATE = "url.zelo.installer.metadata"
+NOBODY = "https://bundles.zelo.example:1/zelo_installer_meta.json?version=%s&package=%s"
+PROD = "/etc/zelo/pubkeyprod.pem"
+SET_PROP, SEND_EVENT = "/usr/bin/kbus-set-prop", "/usr/bin/kbus-send-event"
+INSTALLED = "/tmp/installed"
+
+STAGES = [f"I def:zeloinstall:main:{stage}" for stage in (
+    "Downloading metadata", "Downloading bundle", "Validating bundle", "Extracting bundle",
+    "Running installer")]
+METADATA_FAILED = "W def:zeloinstall:ZeloInstallerBundleMetadata:metadata download failed due to "
+BUNDLE_FAILED = "W def:zeloinstall:ZeloInstallerBundleMetadata:bundle download failed due to "
+DEV_REFUSED = "E def:zeloinstall:zeloinstallerbundle:validation failed against dev key due to "
+NO_COMMAND = "failed to execute command"
+LOST = "download failed"
+NOT_TAKEN = "initiating download failed"
+ANOTHER = "I def:zeloinstall:main:one more instance of zeloinstall is running. Exiting"
+
+
+def going_down(signum: int) -> str:
+    return f"I def:zeloinstall:signum={signum}:We're going down..."
+
+
+END = going_down(0)
+
+
+def defaulted(key: str) -> str:
+    return f"W def:zeloinstall:zeloutils:{key} key does not exist in prefbox"
+
+
+def reported(message: str, code: str) -> str:
+    return f"E def:zeloinstall:zeloutils:zelo exception: {message}. code={code}"
+
+
+def ended(reason: str) -> str:
+    return f"E def:zeloinstall:main:ending with status 1: {reason}"
+
+
+def own_lines(source: VirtualDevice | Run) -> list[str]:
+    """The log without what the transfers and the platform say for themselves."""
+    return [line for line in source.log_lines() if not re.match("[IW] TransferWrapper:|kbus: ", line)]
+
+
+def shown(device: VirtualDevice) -> list[str]:
+    return [line.split(": ")[1] for line in device.shell_lines()]
+
+
+@contextmanager
+def ready_device(build: Path) -> Iterator[VirtualDevice]:
+    """A device with a good bundle published, one attempt at each download and a short time limit."""
+    with VirtualDevice(build) as device:
+        device.set_pref(RETRIES, "0")
+        device.set_pref(TIMEOUT, "20")
+        device.publish(device.make_bundle())
+        yield device
+
+
+Change = Callable[[VirtualDevice], object]
+
+
+def nothing(device: VirtualDevice) -> None:
+    pass
+
+
+def both(*changes: Change) -> Change:
+    return lambda d: [change(d) for change in changes]
+
+
+def setting(key: str, value: str | None) -> Change:
+    return lambda d: d.set_pref(key, value)
+
+
+def answer(path: str, *answers: Answer) -> Change:
+    return lambda d: d.server.answer(path, *answers)
+
+
+def members(**changed: object) -> Change:
+    """Changes members of the published document; None removes one."""
+    def change(d: VirtualDevice) -> None:
+        document = {**json.loads(d.published.document), **changed}
+        present = {name: value for name, value in document.items() if value is not None}
+        d.publish(replace(d.published, document=json.dumps(present).encode()))
+    return change
+
+
+def signed(key: str) -> Change:
+    """Signs what is published with another key."""
+    return lambda d: d.publish(d.sign(d.published.archive, key))
+
+
+def tampered(d: VirtualDevice) -> None:
+    d.publish(d.published.tampered())
+
+
+def script(text: str) -> Change:
+    return lambda d: d.publish(d.make_bundle(script=f"#!/bin/sh\n{text}\n"))
+
+
+def raw_archive(content: bytes) -> Change:
+    return lambda d: d.publish(d.sign(content))
+
+
+def archive(name: str, mode: int = 0o755, content: bytes = b"#!/bin/sh\n", packing: str = "gz") -> Change:
+    """An archive with this one member."""
+    packed = io.BytesIO()
+    with tarfile.open(mode=f"w:{packing}", fileobj=packed) as tar:
+        member = tarfile.TarInfo(name)
+        member.mode, member.size = mode, len(content)
+        tar.addfile(member, io.BytesIO(content))
+    return raw_archive(packed.getvalue())
+
+
+def tool(path: str, text: str | None) -> Change:
+    """Replaces a program by a script, or removes it."""
+    return lambda d: d.path(path).unlink() if text is None else d.write(path, f"#!/bin/sh\n{text}\n", 0o755)
+
+
+def key_file(path: str, name: str | None) -> Change:
+    return lambda d: d.path(path).unlink() if name is None else d.install_key(path, name)
+
+
+def marker(d: VirtualDevice) -> None:
+    d.marker(True)
+
+
+def other_authority(d: VirtualDevice) -> None:
+    d.write(AUTHORITIES, authority("another").cert_pem.bytes())
+
+
+Play = Callable[[VirtualDevice], list[Run]]
+
+
+def start_once(device: VirtualDevice) -> list[Run]:
+    run = device.start()
+    run.wait()
+    return [run]
+
+
+@dataclass(frozen=True)
+class Case:
+    name: str
+    change: Change
+    lines: list[str]
+    shown: tuple[str, ...] = ()
+    statuses: tuple[int, ...] = (0,)
+    published: str = ""  # for those who watch
+    play: Play = start_once
+
+    def faults(self, device: VirtualDevice, runs: list[Run]) -> list[str]:
+        """What did not go as it should."""
+        installed = device.path(INSTALLED).exists()
+        found = {
+            "exit status": (tuple(run.status for run in runs), self.statuses),
+            "log": (own_lines(device), self.lines),
+            "UI shell": (tuple(shown(device)), self.shown),
+            "installed": (installed, installed and STAGES[-1] in self.lines),
+        }
+        return [f"{what}: {got}\n  instead of {wanted}" for what, (got, wanted) in found.items()
+                if got != wanted]
+
+
+def good(name: str, change: Change, *more: str, published: str = "") -> Case:
+    """A run that goes through all stages; `more` is logged while the bundle is validated."""
+    return Case(name, change, [*STAGES[:3], *more, *STAGES[3:], END], published=published)
+
+
+def failing(name: str, change: Change, stages: int, message: str, code: str, *warnings: str,
+            published: str = "") -> Case:
+    """A run that begins so many stages and reports the code."""
+    return Case(name, change, [*STAGES[:stages], *warnings, reported(message, code), END],
+                ("load = zelo", f"showError {code}"), published=published)
+
+
+def fatal(name: str, change: Change, stages: int, reason: str, *before: str,
+          shown: tuple[str, ...] = ()) -> Case:
+    """A run that nobody can be told about."""
+    return Case(name, change, [*STAGES[:stages], *before, ended(reason)], shown, (1,))

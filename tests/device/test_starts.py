@@ -1,0 +1,87 @@
+"""What the daemon inherits does not matter, nor how many are started, and what it leaves is in order."""
+
+import itertools
+import json
+import os
+import signal
+import sys
+from pathlib import Path
+
+from device.cases import ANOTHER, END, STAGES, own_lines, script, shown
+from device.gate import Gate, is_stopped, until
+from device.run import Run
+from device.virtual_device import VirtualDevice
+
+from test_signals import TERMINATION
+
+# A shell would put some of this right.
+STARTER = """
+import json, os, signal, sys
+closed, opened, ignored, blocked = json.loads(sys.argv[1])
+for signum in (signal.SIGPIPE, signal.SIGXFSZ): signal.signal(signum, signal.SIG_DFL)
+for signum in ignored: signal.signal(signum, signal.SIG_IGN)
+signal.pthread_sigmask(signal.SIG_SETMASK, blocked)
+for fd in opened: os.dup2(2, fd)
+for fd in closed: os.close(fd)
+os.execv(sys.argv[2], sys.argv[2:])
+"""
+CLOSED = [fds for count in range(4) for fds in itertools.combinations((0, 1, 2), count)]
+STATES = [*itertools.product(CLOSED, [()], [(), (signal.SIGCHLD,)], [(), (*TERMINATION, signal.SIGCHLD)]),
+          ((), (7, 1000), (*TERMINATION, signal.SIGPIPE, signal.SIGXFSZ, signal.SIGUSR1), ()),
+          ((0, 2), (3, 4, 5), (), [*range(1, signal.SIGRTMAX + 1)])]
+
+
+def found_by(pid: int) -> list[object]:
+    """What a script has got; the shell itself has the script open as well."""
+    process = Path(f"/proc/{pid}")
+    status = dict(line.split(":\t", 1) for line in (process / "status").read_text().splitlines())
+    opened = [int(fd.name) for fd in (process / "fd").iterdir() if not os.readlink(fd).endswith("/run.sh")]
+    return [sorted(opened), int(status["SigBlk"], 16), int(status["SigIgn"], 16),
+            (process / "environ").read_text(), (process / "cmdline").read_text().split("\0"),
+            os.readlink(process / "cwd")]
+
+
+def test_whatever_is_inherited_the_script_finds_order(device: VirtualDevice, gate: Gate) -> None:
+    script(Gate.WAIT)(device)
+    for state in STATES:
+        before = device.work_directories()
+        run = device.start(last=[sys.executable, "-ISc", STARTER, json.dumps(state)], env={"SECRET": "x"})
+        found = found_by(gate.wait())
+        gate.open()
+        [work] = set(device.work_directories()) - set(before)
+        words = ["/bin/sh", f"/tmp/{work.name}/run.sh", ""]
+        assert run.wait() == 0 and found == [[0, 1, 2], 0, 0, "", words, str(device.root)], state
+
+
+def test_what_a_script_leaves_behind_holds_nothing(device: VirtualDevice, gate: Gate) -> None:
+    script("/bin/sh -c 'echo $$ > /run/waiting; kill -STOP $$' > /dev/null 2>&1 &")(device)
+    for _ in range(2):
+        assert device.start().wait() == 0 and device.lock_holder() is None
+        assert found_by(gate.wait())[:2] == [[0, 1, 2], 0]
+
+
+def start_at_once(device: VirtualDevice, gate: Gate, count: int) -> Run:
+    """The only start that gets further than the others, which end as they must."""
+    runs = [device.start(prefix=["/bin/sh", "-c", 'kill -STOP $$; exec "$@"', "sh"]) for _ in range(count)]
+    until(lambda: all(is_stopped(run.pid) for run in runs))
+    for run in runs:
+        run.send(signal.SIGCONT)
+    gate.wait()
+    until(lambda: sum(run.status is None for run in runs) == 1)
+    [winner] = [run for run in runs if run.status is None]
+    assert device.lock_holder() == winner.pid
+    for run in runs:
+        lines = own_lines(run)
+        assert (run.status, lines) == ((None, STAGES) if run is winner else (1, [ANOTHER]))
+    return winner
+
+
+def test_many_at_once(device: VirtualDevice, gate: Gate, plain: bool) -> None:
+    count = 50 if plain else 10  # under an emulator each takes ten times as long
+    script(Gate.WAIT)(device)
+    start_at_once(device, gate, count).stop()
+    assert device.lock_holder() is None
+    winner = start_at_once(device, gate, count)
+    gate.open()
+    assert winner.wait() == 0 and winner.log_lines()[-1] == END and device.lock_holder() is None
+    assert len(device.work_directories()) == 2 * count and shown(device) == []

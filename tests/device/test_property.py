@@ -1,0 +1,145 @@
+"""Whatever is wrong, and whatever happens meanwhile: a run ends in time, and what it says and does fits.
+
+The same combinations each time, unless ZELO_SOAK_MINUTES asks for others, from ZELO_SEED on.
+"""
+
+import os
+import random
+import resource
+import shutil
+import subprocess
+import time
+from collections import Counter
+from pathlib import Path
+from typing import NamedTuple
+
+import pytest
+from hypothesis import HealthCheck, Phase, given, seed, settings
+from hypothesis import strategies as st
+
+from device.cases import (END, INSTALLED, PROD, STAGES, ended, going_down, key_file, nothing, own_lines,
+                          ready_device, shown, signed, tampered)
+from device.virtual_device import VirtualDevice
+
+from rows import KINDS
+from test_signals import TERMINATION, storm
+
+ROWS = {row.name: row for rows in KINDS.values() for row in rows}
+CODES = {1: {"02", "99"}, 2: {"02", "99"}, 3: {"00"}, 4: {"01"}, 5: {"03"}}  # by the stages that have begun
+LATE = ["archive", "bundle", "openssl", "decoder"]  # drawn more often: most rows end a run in its first stage
+SIGNERS = [("prod", "prod", False), ("prod", "prod", True), ("dev", "prod", True), ("dev", None, True),
+           ("dev", "prod", False), ("prod", None, False), ("prod", "stranger", True), ("other", "prod", True)]
+LIMITS = [*[None] * 70, *((resource.RLIMIT_NOFILE, value) for value in range(3, 14)),
+          *((resource.RLIMIT_AS, value << 20) for value in range(56, 112, 4)),
+          *((resource.RLIMIT_FSIZE, value) for value in range(0, 500, 50))]
+SIGNALS = [*[None] * 400, *((signum, delay) for signum in TERMINATION for delay in range(20, 220, 4))]
+
+
+class Attempt(NamedTuple):
+    rows: list[str]
+    signer: str
+    key: str | None  # that is installed as the production key
+    marker: bool
+    tampered: bool
+    limit: tuple[int, int] | None
+    signal: tuple[int, int] | None  # and after how many milliseconds
+
+    def prepare(self, device: VirtualDevice) -> None:
+        archives = [ROWS[name].change for name in self.rows if ROWS[name] in KINDS["archive"]]
+        others = [ROWS[name].change for name in self.rows if ROWS[name] not in KINDS["archive"]]
+        for change in (*archives, signed(self.signer), tampered if self.tampered else nothing, *others,
+                       key_file(PROD, self.key), lambda d: d.marker(self.marker)):
+            change(device)
+
+    def last_stage(self) -> int | None:
+        """The first stage that cannot succeed."""
+        verifies = not self.tampered and (self.signer == self.key or self.marker and self.signer == "dev")
+        failing = [ROWS[name] for name in self.rows if ROWS[name].shown or ROWS[name].statuses != (0,)]
+        stages = [len(set(row.lines) & set(STAGES)) for row in failing]
+        return min(stages if verifies else [*stages, 3], default=None)
+
+
+@st.composite
+def attempts(draw: st.DrawFn, limited: bool) -> Attempt:
+    kinds = draw(st.sets(st.sampled_from([*KINDS, *LATE, *LATE]), max_size=2))
+    return Attempt([draw(st.sampled_from(rows)).name for kind, rows in KINDS.items() if kind in kinds],
+                   *draw(st.sampled_from(SIGNERS)), draw(st.sampled_from([False] * 4 + [True])),
+                   draw(st.sampled_from(LIMITS)) if limited else None, draw(st.sampled_from(SIGNALS)))
+
+
+def files_of(device: VirtualDevice) -> set[str]:
+    """All but the work directories, the pid file and what run.sh may write."""
+    find = ["find", ".", "-path", "./tmp/zeloinstall.*", "-prune", "-o", "-path", "./var/run/zeloinstall.pid",
+            "-o", "-path", f".{INSTALLED}", "-o", "-type", "d", "-printf", "%p %m\n",
+            "-o", "-printf", "%p %m %s %T@\n"]
+    return set(subprocess.check_output(find, cwd=device.root, text=True).splitlines())
+
+
+def outcome(device: VirtualDevice, attempt: Attempt) -> tuple[object, ...]:
+    kind, value = attempt.limit or (resource.RLIMIT_CORE, 0)
+    run = device.start(preexec_fn=lambda: resource.setrlimit(kind, (value, value)))
+    if attempt.signal:
+        time.sleep(attempt.signal[1] / 1000)
+        run.send(attempt.signal[0])
+        storm(run, 50, seed=attempt.signal[1])
+    status, lines, told, last = run.wait(), own_lines(run), shown(device), attempt.last_stage()
+
+    stages = [line for line in lines if line in STAGES]
+    begun = len(stages)
+    codes = [line[-2:] for line in lines if ". code=" in line]
+    assert stages == STAGES[:begun] and begun <= (last or 5), lines
+    assert len(codes) <= 1 and all(code in CODES[begun] for code in codes), lines
+    assert begun == 5 or not device.path(INSTALLED).exists(), lines
+    telling = [text for code in codes for text in ("load = zelo", f"showError {code}")]
+    assert told == telling if status == 0 and not attempt.limit else set(told) <= set(telling), (told, lines)
+    if status < 0:
+        assert lines[-1:] == [going_down(-status)] or not begun, (status, lines)
+    elif device.work_directories():
+        assert status in (0, 1) and (lines[-1:] == [END]) == (status == 0), (status, lines)
+    else:
+        assert status != 0, lines  # the loader may have had too little
+    if status >= 0 and not attempt.limit:
+        assert (begun, bool(codes) or status == 1) == (last or 5, last is not None), (status, lines)
+        assert status == 0 or lines[-1].startswith(ended("")), (status, lines)
+    return begun, status, *codes
+
+
+def try_out(build: Path, attempt: Attempt, outcomes: Counter[tuple[object, ...]]) -> None:
+    with ready_device(build) as device:
+        good, kept = device.published, ("/etc", "/usr/bin", "/var/lib/prefbox")
+        for part in kept:
+            shutil.copytree(device.path(part), device.path(f"/kept{part}"))
+        attempt.prepare(device)
+        before = files_of(device)
+        outcomes[outcome(device, attempt)] += 1
+        assert files_of(device) == before and device.lock_holder() is None
+
+        for part in kept:
+            shutil.rmtree(device.path(part))
+            device.path(f"/kept{part}").rename(device.path(part))
+        for path in (INSTALLED, "/run/transfer/deferred"):
+            device.path(path).unlink(missing_ok=True)
+        device.marker(False)
+        device.publish(good)
+        device.restart_transfers()
+        run = device.start()
+        assert run.wait() == 0 and device.path(INSTALLED).exists(), run.log_lines()
+
+
+def test_any_combination(build: Path, plain: bool, capsys: pytest.CaptureFixture[str]) -> None:
+    outcomes: Counter[tuple[object, ...]] = Counter()
+    search = settings(max_examples=60 if plain else 10, derandomize=True, database=None, deadline=None,
+                      suppress_health_check=list(HealthCheck), phases=[Phase.generate, Phase.shrink])
+    trial = given(attempts(limited=plain))(lambda attempt: try_out(build, attempt, outcomes))
+    minutes = float(os.environ.get("ZELO_SOAK_MINUTES", "0"))
+    if not minutes:
+        search(trial)()
+        return
+    number = int(os.environ.get("ZELO_SEED") or random.randrange(1 << 32))
+    end = time.monotonic() + 60 * minutes
+    with capsys.disabled():
+        while time.monotonic() < end:
+            print(f"soak: seed {number}", flush=True)
+            settings(search, derandomize=False)(seed(number)(trial))()
+            print(f"soak: {sum(outcomes.values())} runs, {len(outcomes)} distinct outcomes", flush=True)
+            number += 1

@@ -26,20 +26,27 @@ class Bundle:
         return replace(self, archive=self.archive[:-1] + bytes([self.archive[-1] ^ 1]))
 
 
+def pack(source: Path, key: Path, url: str) -> Bundle:
+    """A bundle of a directory's files, signed with the private `key`."""
+    with TemporaryDirectory(prefix="zb.") as output:
+        done = subprocess.run([TOOL, "--key", key, "--url", url, "--output", output, source], check=False,
+                              stdout=subprocess.DEVNULL)
+        if done.returncode != 0:
+            raise RuntimeError(f"make-bundle makes no bundle of {source}")
+        return Bundle(Path(output, "zelo_installer.tar.gz").read_bytes(),
+                      Path(output, "zelo_installer_meta.json").read_bytes())
+
+
 def make_bundle(key: Path, url: str, script: str = SUCCEEDING_SCRIPT,
                 files: Mapping[str, bytes] | None = None) -> Bundle:
-    """A bundle with `script` as its run.sh and further files, signed with the private `key`."""
-    with TemporaryDirectory(prefix="zb.") as name:
-        source, output = Path(name, "source"), Path(name, "output")
+    """A bundle with `script` as its run.sh and further files."""
+    with TemporaryDirectory(prefix="zb.") as source:
         for path, content in {"run.sh": script.encode(), **(files or {})}.items():
-            file = source / path
+            file = Path(source, path)
             file.parent.mkdir(parents=True, exist_ok=True)
             file.write_bytes(content)
-        (source / "run.sh").chmod(0o755)
-        subprocess.run([TOOL, "--key", key, "--url", url, "--output", output, source], check=True,
-                       stdout=subprocess.DEVNULL)
-        return Bundle((output / "zelo_installer.tar.gz").read_bytes(),
-                      (output / "zelo_installer_meta.json").read_bytes())
+        Path(source, "run.sh").chmod(0o755)
+        return pack(Path(source), key, url)
 
 
 def sign(key: Path, url: str, archive: bytes) -> Bundle:

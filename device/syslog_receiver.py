@@ -6,7 +6,7 @@ import socket
 import threading
 import time
 import uuid
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 
 from device import PATIENCE
@@ -21,6 +21,7 @@ class LogLine:
     ident: str
     pid: int | None
     text: str
+    arrived: float = field(default_factory=time.monotonic)
 
     @classmethod
     def parse(cls, raw: bytes) -> "LogLine":

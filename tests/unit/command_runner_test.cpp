@@ -62,6 +62,7 @@ void limit(__rlimit_resource resource, rlim_t value) {
 
 // Descriptors that are not close-on-exec, most of them beyond the limit; below it two pipes have room.
 void openMany() {
+  for (int fd = 3; fd < 7; ++fd) close(fd);
   for (int fd = 7; fd < 520; ++fd) dup2(STDIN_FILENO, fd == childsVoice ? 7 : fd);
   limit(RLIMIT_NOFILE, 64);
 }

@@ -48,13 +48,15 @@ TEST_F(Utils, PathsAreTakenApartAndJoined) {
   EXPECT_EQ(joinPath("", "run.sh") + joinPath("/tmp", "/a"), "run.sh/tmp//a");
 }
 
-TEST_F(Utils, DirectoriesArePrivate) {
+TEST_F(Utils, DirectoriesArePrivateAndFilesAsTheProcessWantsThem) {
   const std::string made = directory + "/made";
   const std::string orphan = made + "/a/b";
   const mode_t before = umask(0);
   for (int i = 0; i < 2; ++i) makeDirectory(made);
+  writeFile(made + "/file", "");
   umask(before);
-  EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms::owner_all);
+  EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms{0700});
+  EXPECT_EQ(std::filesystem::status(made + "/file").permissions(), std::filesystem::perms{0666});
   EXPECT_EQ(failureOf([&] { makeDirectory(orphan); }), "unable to create directory " + orphan + " errno 2");
 }
 

@@ -130,16 +130,20 @@ def test_any_combination(build: Path, plain: bool, capsys: pytest.CaptureFixture
     outcomes: Counter[tuple[object, ...]] = Counter()
     search = settings(max_examples=60 if plain else 10, derandomize=True, database=None, deadline=None,
                       suppress_health_check=list(HealthCheck), phases=[Phase.generate, Phase.shrink])
-    trial = given(attempts(limited=plain))(lambda attempt: try_out(build, attempt, outcomes))
+
+    def trial(attempt: Attempt) -> None:
+        try_out(build, attempt, outcomes)
+
+    trials = given(attempts(limited=plain))
     minutes = float(os.environ.get("ZELO_SOAK_MINUTES", "0"))
     if not minutes:
-        search(trial)()
+        search(trials(trial))()
         return
     number = int(os.environ.get("ZELO_SEED") or random.randrange(1 << 32))
     end = time.monotonic() + 60 * minutes
     with capsys.disabled():
         while time.monotonic() < end:
             print(f"soak: seed {number}", flush=True)
-            settings(search, derandomize=False)(seed(number)(trial))()
+            settings(search, derandomize=False)(seed(number)(trials(trial)))()
             print(f"soak: {sum(outcomes.values())} runs, {len(outcomes)} distinct outcomes", flush=True)
             number += 1

@@ -130,3 +130,9 @@ def test_failing_start_with_stuck_log_receiver(device: VirtualDevice, plain_only
     device.path("/tmp").rmdir()
     device.syslog.fill()
     assert device.start().wait() == 1
+
+
+def test_crash_leaves_its_dump(device: VirtualDevice, plain_only: None) -> None:
+    script("kill -SEGV $PPID")(device)
+    run = device.start()
+    assert run.wait() == -signal.SIGSEGV and "fatal signal SIGSEGV" in run.output(), run.output()

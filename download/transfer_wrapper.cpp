@@ -57,6 +57,7 @@ void TransferWrapper::download(int timeoutSeconds) {
 }
 
 void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
+  if (terminationSignal() != 0) return;  // the process ends, and its last line has been or is being written
   if (transferStatus == nullptr) {
     logWarning("W TransferWrapper:onProgress:transferStatus is NULL:");
     return;

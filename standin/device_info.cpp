@@ -5,7 +5,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
+#include <sstream>
+#include <string>
 
 namespace {
 
@@ -16,7 +19,11 @@ using Text = std::unique_ptr<char, decltype(&g_free)>;
 
 Text infoValue(const char* key) {
   const std::unique_ptr<GKeyFile, decltype(&g_key_file_unref)> file(g_key_file_new(), g_key_file_unref);
-  if (g_key_file_load_from_file(file.get(), infoFile, G_KEY_FILE_NONE, nullptr) == FALSE)
+  // Read here: on 32-bit ARM, GLib cannot open a file that is dated after January 2038.
+  std::ostringstream content;
+  content << std::ifstream(infoFile).rdbuf();
+  const std::string text = content.str();
+  if (g_key_file_load_from_data(file.get(), text.data(), text.size(), G_KEY_FILE_NONE, nullptr) == FALSE)
     return {nullptr, g_free};
   return {g_key_file_get_string(file.get(), group, key, nullptr), g_free};
 }

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -73,12 +74,22 @@ void closeDescriptorsFrom(int first) {
   }
 }
 
+// For the forked child. A standard error that nobody reads would end the program at its first word there,
+// which would count as a success.
+void replaceUnreadStandardError() {
+  pollfd error{STDERR_FILENO, 0, 0};
+  if (poll(&error, 1, 0) != 1 || (error.revents & (POLLERR | POLLHUP)) == 0) return;
+  const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (nothing >= 0) (void)dup2(nothing, STDERR_FILENO);
+}
+
 // Runs in the forked child: async-signal-safe calls only.
 [[noreturn]] void becomeProgram(char* const arguments[], int output, int starting,
                                 const std::vector<std::string>& reports) {
   if (terminationSignal() != 0) _exit(EXIT_FAILURE);  // noted just before the fork
   (void)signal(SIGPIPE, SIG_DFL);                     // libraries ignore it for the daemon
   const int redirected = output == STDOUT_FILENO ? fcntl(output, F_SETFD, 0) : dup2(output, STDOUT_FILENO);
+  replaceUnreadStandardError();
   constexpr int lastKept = STDERR_FILENO + 1;
   const int kept = starting == lastKept ? starting : dup3(starting, lastKept, O_CLOEXEC);
   if (redirected >= 0 && kept >= 0) {
@@ -87,7 +98,6 @@ void closeDescriptorsFrom(int first) {
     execve(arguments[0], arguments, environment);
   }
   const auto error = static_cast<std::size_t>(errno);
-  (void)signal(SIGPIPE, SIG_IGN);  // or a standard error that nobody reads would end this as a success
   const std::string& report = error < reports.size() ? reports[error] : reports.back();
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, report.data(), report.size());
   _exit(EXIT_FAILURE);

@@ -4,8 +4,10 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 
 #include "platform/qorvex_daemon.h"
+#include "utils/platform_text.h"
 
 namespace zelo {
 namespace {
@@ -19,8 +21,30 @@ constexpr Level info{1U << 23, LOG_NOTICE};
 constexpr Level warning{1U << 24, LOG_WARNING};
 constexpr Level error{1U << 25, LOG_ERR};
 
+// A line that is too long for the log receiver would be lost whole, with the code at its end.
+constexpr int longestLine = 32 << 10;
+constexpr int keptAtEachEnd = longestLine / 2;
+
+[[gnu::format(printf, 2, 3)]] void send(int priority, const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  vsyslog(priority, format, arguments);
+  va_end(arguments);
+}
+
 [[gnu::format(printf, 2, 0)]] void write(Level level, const char* format, std::va_list arguments) {
-  if ((g_qorvex_log_mask & level.maskBit) != 0) vsyslog(level.priority, format, arguments);
+  if ((g_qorvex_log_mask & level.maskBit) == 0) return;
+  std::va_list copy;
+  va_copy(copy, arguments);
+  char* allocated = nullptr;
+  const int length = vasprintf(&allocated, format, copy);
+  va_end(copy);
+  const PlatformText text(length < 0 ? nullptr : allocated);
+  if (length > longestLine) {
+    send(level.priority, "%.*s [...] %s", keptAtEachEnd, text.get(), text.get() + length - keptAtEachEnd);
+  } else {
+    vsyslog(level.priority, format, arguments);
+  }
 }
 
 }  // namespace

@@ -63,6 +63,13 @@ def test_what_a_good_run_asks_and_leaves(device: VirtualDevice) -> None:
     assert heads == {("zeloinstall", run.pid, 133)}
 
 
+def test_code_of_a_long_line_is_logged(device: VirtualDevice) -> None:
+    device.server.answer(DOCUMENT, Content(b"x" * 300000))
+    run = device.start()
+    assert run.wait() == 0
+    assert [line[-8:] for line in run.log_lines() if "zelo exception" in line] == [" code=02"]
+
+
 @pytest.mark.skipif(not mounts_allowed(), reason="no mounts are allowed here")
 def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
     """With a page more each time: none for the signature, the archive, its decoded signature, run.sh."""

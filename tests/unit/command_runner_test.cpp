@@ -126,6 +126,7 @@ TEST(CommandRunner, WorksAndFailsInOddProcesses) {
       {"old kernel", [] { openMany(), forbidCloseRange(); }, listDescriptors, three},
       {"no descriptors", [] { limit(RLIMIT_NOFILE, 3); }, echo, "unable to create pipes for reading stdout"},
       {"nobody reads errors", closeTheReaderOfErrors, {"/none"}, "failed to execute command"},
+      {"nobody reads its words", closeTheReaderOfErrors, shell("echo a >&2; echo b"), "b\n"},
       {"no processes", forbidProcesses, echo, "unable to fork"},
   };
   for (const auto& row : rows) {

@@ -91,7 +91,7 @@ void discardChildren() {
 }
 
 void discardChildrenWhenForking() {
-  pthread_atfork(discardChildren, nullptr, nullptr);
+  pthread_atfork([] { signal(SIGCHLD, SIG_IGN); }, nullptr, nullptr);
 }
 
 void interruptAllTheTime() {

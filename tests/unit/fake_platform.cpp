@@ -214,6 +214,9 @@ xfr::TransferServiceImpl* getTransferService() {
   std::free(block);
 }
 
+// On 32 bits the calls that know the time after 2038 have names and numbers of their own.
+constexpr bool wideTime = sizeof(time_t) > sizeof(long);
+
 // The tests' own versions of calls of the C library.
 extern "C" {
 
@@ -231,7 +234,8 @@ void __vsyslog_chk(int priority, int /*flag*/, const char* format, std::va_list 
 }
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {
-  static const auto real = reinterpret_cast<decltype(&pthread_cond_timedwait)>(dlsym(RTLD_NEXT, __func__));
+  static void* const symbol = dlsym(RTLD_NEXT, wideTime ? "__pthread_cond_timedwait64" : __func__);
+  static const auto real = reinterpret_cast<decltype(&pthread_cond_timedwait)>(symbol);
   const std::optional<int> result = current.onTimedWait(*deadline);
   return result ? *result : real(condition, mutex, deadline);
 }
@@ -244,7 +248,7 @@ int usleep(useconds_t microseconds) {
 }
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  if (current.clockFails || syscall(SYS_clock_gettime, clock, now) != 0) return -1;
+  if (current.clockFails || syscall(wideTime ? 403 : SYS_clock_gettime, clock, now) != 0) return -1;
   if (clock == CLOCK_MONOTONIC) now->tv_sec += current.monotonicAhead;
   return 0;
 }

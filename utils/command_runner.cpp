@@ -174,6 +174,7 @@ struct Outcome {
   output.writeEnd.close();
   starting.writeEnd.close();
   (void)readToEnd(starting.readEnd.get());
+  starting.readEnd.close();
   wait.programRuns();
   std::string text = readToEnd(output.readEnd.get());
   return {child.wait(), std::move(text)};

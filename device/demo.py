@@ -1,5 +1,10 @@
 """Shows on virtual devices what the daemon does with good and bad bundles."""
 
+import signal
+
+if __name__ == "__main__" and signal.getsignal(signal.SIGINT) != signal.SIG_IGN:
+    signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C during the imports would show a traceback
+
 import argparse
 import os
 import sys

@@ -1,10 +1,14 @@
 """Runs a bundle of yours on the virtual device, and shows what it does there."""
 
+import signal
+
+if __name__ == "__main__" and signal.getsignal(signal.SIGINT) != signal.SIG_IGN:
+    signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C during the imports would show a traceback
+
 import argparse
 import hashlib
 import os
 import re
-import signal
 import stat
 import subprocess
 import sys
@@ -30,6 +34,29 @@ USERS = {"/etc/passwd": "root:x:0:0:root:/:/bin/sh\nnobody:x:65534:65534:nobody:
 LEVELS = {3: "err", 4: "warning", 5: "notice"}
 # What the daemon and the services leave, whatever the bundle.
 NOT_THE_BUNDLE = re.compile(r"/tmp/zeloinstall\.[^/]*(/.*)?|/var/run/zeloinstall\.pid|/run/transfer/.*")
+# The virtual device needs its own of these, or puts its own in their place.
+OWN = re.compile(r"(/usr)?/s?bin/(zeloinstall|transfer-service|vestrel|kbus-set-prop|kbus-send-event)"
+                 r"|/(dev|proc)(/.*)?|/run/(kbus\.sock|transfer)(/.*)?|/usr/lib/virtual-device/.*"
+                 r"|/etc/(hosts|nsswitch\.conf|device-info|zelo/pubkey(prod|dev)\.pem)"
+                 r"|/etc/ssl/certs/ca-certificates\.crt|/")
+
+
+def setting(text: str) -> list[str]:
+    """Key and value."""
+    if not re.match(r"(?!\.\.?=)[^/=]+=", text):
+        raise argparse.ArgumentTypeError(f"{text}: KEY=VALUE is wanted, with no / in KEY")
+    return text.split("=", 1)
+
+
+def addition(text: str) -> tuple[str, Path]:
+    """Path on the device, and the path here of what to put there."""
+    here, _, there = text.partition(":")
+    if not Path(here).is_file():
+        raise argparse.ArgumentTypeError(f"{text}: {here} is not a file")
+    there = os.path.normpath("/" + (there or os.path.abspath(here)).lstrip("/"))
+    if OWN.fullmatch(there):
+        raise argparse.ArgumentTypeError(f"{text}: the device has its own {there}")
+    return there, Path(here).resolve()
 
 
 def parse_arguments() -> argparse.Namespace:
@@ -44,29 +71,22 @@ def parse_arguments() -> argparse.Namespace:
                         "made for this signs the bundle anew)")
     parser.add_argument("--bare", action="store_true",
                         help="leave out what a small system has (busybox) and the daemon does not need")
-    parser.add_argument("--add", action="append", default=[], metavar="FILE[:PATH]",
+    parser.add_argument("--add", action="append", default=[], type=addition, metavar="FILE[:PATH]",
                         help="put a file or program on the device, with its libraries (PATH: FILE's own)")
-    parser.add_argument("--setting", action="append", default=[], metavar="KEY=VALUE",
-                        help="set a value of the configuration store")
+    parser.add_argument("--setting", action="append", default=[], type=setting,
+                        metavar="KEY=VALUE", help="set a value of the configuration store")
     parser.add_argument("--keep", action="store_true", help="keep a copy of the device's files")
     parser.add_argument("--shell", action="store_true", help="start a shell on the device after the run")
     arguments = parser.parse_args()
     if len(arguments.bundle) > 2 or (arguments.key and len(arguments.bundle) == 1):
         parser.error("one DIRECTORY, or DOCUMENT and ARCHIVE, which may have a --key")
-    if any("=" not in setting for setting in arguments.setting):
-        parser.error("--setting: KEY=VALUE is wanted")
     return arguments
 
 
 def additions(arguments: argparse.Namespace) -> dict[str, Path]:
     """What to put on the device: path there -> path here."""
-    files = {}
-    for entry in arguments.add:
-        here, _, there = entry.partition(":")
-        if not Path(here).is_file():
-            raise RuntimeError(f"--add {entry}: {here} is not a file")
-        files[os.path.normpath(f"/{there or os.path.abspath(here)}")] = Path(here).resolve()
-    return files if arguments.bare else {BUSYBOX: Path(BUSYBOX).resolve(), **files}
+    system = {} if arguments.bare else {BUSYBOX: Path(BUSYBOX).resolve()}
+    return system | dict(arguments.add)
 
 
 def furnish(device: VirtualDevice) -> None:
@@ -218,8 +238,8 @@ def main() -> int:
             furnish(device)
         device.set_pref(RETRIES, "0")
         device.set_pref(TIMEOUT, "900")
-        for setting in arguments.setting:
-            device.set_pref(*setting.split("=", 1))
+        for key, value in arguments.setting:
+            device.set_pref(key, value)
         publish(device, arguments)
         before = entries(device.root)
         begin = time.monotonic()

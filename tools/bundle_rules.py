@@ -143,7 +143,7 @@ def check_address(url: str, document: Path, report: Report) -> None:
 def is_own(host: str) -> bool:
     """Whether a host means the device itself in a way that its policy does not know."""
     name = host.rstrip(".")
-    with suppress(OSError):
+    with suppress(OSError, ValueError):  # what is no text, or has a null in it, is no number
         name = socket.inet_ntoa(socket.inet_aton(name))
     with suppress(ValueError):
         address = ip_address(name)

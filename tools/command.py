@@ -30,9 +30,20 @@ def _stop(signum: int, _: FrameType | None) -> NoReturn:
     raise Stopped(signum)
 
 
+def _open_standard_descriptors() -> None:
+    """Opens /dev/null in place of closed ones, or other files would get their numbers."""
+    while (descriptor := os.open(os.devnull, os.O_RDWR)) <= 2:
+        os.set_inheritable(descriptor, True)
+    os.close(descriptor)
+    # What is no text (in names, say) is shown as numbers, as standard error does it.
+    sys.stdout = open(1, "w", errors="backslashreplace", closefd=False)
+    sys.stderr = sys.stderr or open(2, "w", errors="backslashreplace", closefd=False)
+
+
 def run_command(main: Callable[[], int], failed: int) -> NoReturn:
     """Ends the process with the status that `main` returns, or after one line with the status `failed`."""
     name = os.path.basename(sys.argv[0])
+    _open_standard_descriptors()
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # a closed pipe ends it silently, as it does other tools
     for ending in ENDING:
         if signal.getsignal(ending) != signal.SIG_IGN:

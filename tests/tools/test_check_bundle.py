@@ -156,6 +156,7 @@ def test_what_no_device_tells(device: VirtualDevice, tmp_path: Path) -> None:
     for bundle, key, option, status, says in (
             (owned, public, (), 0, "warning: member 'x': belongs to joe:0 (0:0)"),
             (owned, public, ("--strict",), 1, "warning: member 'x'"),
+            (text(lambda old: old.replace(b"//", b"//\xff", 1))(device), public, (), 0, "not ASCII"),
             (owned, private, (), 1, "error: a private key"),
             (owned, device.path("/etc/ssl/certs/ca-certificates.crt"), (), 1, "error: a certificate"),
             (owned, device.path(KEY + ".missing"), (), 2, "not a readable file")):

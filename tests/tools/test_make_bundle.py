@@ -69,6 +69,7 @@ def test_makes_the_same_signed_archive_again() -> None:
 REFUSED = {
     "by a rule": ("chmod 644 source/run.sh", ("--sign-command", "false"), "error: run.sh: not executable"),
     "address": ("", ("--url", "http://a/"), "error: address http://a/"),
+    "no UTF-8": ("", ("--url", "https://\udcff/"), "the address is not UTF-8"),
     "output inside": ("ln -s source o", ("--output", "o/new"), "own directory"),
     "in the way": (f"mkdir -p o/{DOCUMENT.name}", ("--output", "o"), "is a directory"),
     "socket": ("python3 -c 'import socket; socket.socket(1).bind(\"source/s\")'", (), "source/s: a socket"),
@@ -125,7 +126,8 @@ def test_ends_by_a_signal(signum: signal.Signals) -> None:
 def test_ends_in_poor_surroundings() -> None:
     with open("/dev/full", "w") as full:
         done = make(stdout=full, env={"PATH": os.environ["PATH"], "TAR_OPTIONS": "--none"})
-    assert (done.returncode, done.stderr.splitlines()[1:]) == (1, ["make-bundle: No space left on device"])
+    assert (done.returncode, done.stderr.splitlines()[1:]) == (
+        1, ["make-bundle: written, but standard output: No space left on device"])
     reader, writer = os.pipe()
     os.close(reader)
     done = make(stdout=writer)

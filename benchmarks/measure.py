@@ -20,7 +20,7 @@ from device.run import Run
 from device.virtual_device import DOCUMENT, VirtualDevice
 
 MB = 1_000_000
-RATIO_TARGETS = {1: None, 64: 1.02, 256: 1.00}  # by the bundle's size; one of 1 MB is the start of some programs
+RATIO_TARGETS = {1: None, 64: 1.02, 256: 1.00}  # by size in MB; one of 1 MB is the start of some programs
 TARGETS = {"first_line": (3, "ms"), "processor": (4, "ms"), "peak": (3, "MiB"), "anonymous": (0.4, "MiB")}
 TITLES = ("bundle", "daemon : script", "first log line", "processor time", "VmHWM", "RssAnon")
 LARGE = 256  # from here on a third of the rounds must do
@@ -179,8 +179,9 @@ def main() -> None:
     empty = options.build / "benchmarks" / "bench-empty"
     if libraries(empty).keys() != libraries(options.build / "zeloinstall").keys():
         raise SystemExit("bench: the empty program does not load what the daemon loads")
-    with VirtualDevice(options.build, {EMPTY: empty, BY_HAND: Path(__file__).parent / "by_hand.sh"}) as device:
-        print("Medians; but for the ratio, what the daemon needs more than an empty program with its libraries")
+    files = {EMPTY: empty, BY_HAND: Path(__file__).parent / "by_hand.sh"}
+    with VirtualDevice(options.build, files) as device:
+        print("Medians; but for the ratio, what the daemon needs more than an empty program")
         show(*TITLES)
         show(*["---"] * len(TITLES))
         usages = {size: measure(device, size, options.rounds if size < LARGE else -(-options.rounds // 3))
@@ -188,7 +189,8 @@ def main() -> None:
         show("target", " / ".join(f"{target:.2f}" for target in RATIO_TARGETS.values() if target),
              *(f"{target} {unit}" for target, unit in TARGETS.values()))
     growth = {name: middle(usages[LARGE], name) - middle(usages[1], name) for name in ("peak", "anonymous")}
-    print(f"Growth from 1 MB to {LARGE} MB: VmHWM {growth['peak']:+.2f} MiB, RssAnon {growth['anonymous']:+.2f} MiB")
+    print(f"Growth from 1 MB to {LARGE} MB: VmHWM {growth['peak']:+.2f} MiB, "
+          f"RssAnon {growth['anonymous']:+.2f} MiB")
 
 
 if __name__ == "__main__":

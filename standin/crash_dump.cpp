@@ -41,7 +41,7 @@ void ctrap_register_signal_handlers() {
   stack.ss_size = handlerStack.size();
   const bool hasStack = sigaltstack(&stack, nullptr) == 0;
 
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_handler = dump;
   action.sa_flags = static_cast<int>(SA_RESETHAND) | (hasStack ? SA_ONSTACK : 0);
   for (const int signum : fatalSignals) sigaction(signum, &action, nullptr);

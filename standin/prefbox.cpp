@@ -12,7 +12,7 @@
 int getPrefboxValue(const char* key, char** value) try {
   if (key[0] == '\0' || std::strchr(key, '/') != nullptr) return -1;
   const std::string path = std::string("/var/lib/prefbox/") + key;
-  struct stat status {};
+  struct stat status = {};
   if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return -1;
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), std::fclose);
   if (!file) return -1;

@@ -19,7 +19,7 @@ int fail(const char* what, const char* pidFile) {
 
 // A record lock: not inherited by forked processes, released by the kernel when the process dies.
 bool lock(int fd) {
-  struct flock whole {};
+  struct flock whole = {};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
   return fcntl(fd, F_SETLK, &whole) == 0;

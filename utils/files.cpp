@@ -23,7 +23,7 @@ constexpr mode_t ownerOnly = 0700;
 constexpr mode_t defaultPermissions = 0666;
 
 [[nodiscard]] bool isRegularFile(int fd) {
-  struct stat status {};
+  struct stat status = {};
   return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 

@@ -85,7 +85,7 @@ void closeTheReaderOfErrors() {
 }
 
 void discardChildren() {
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_flags = SA_NOCLDWAIT;
   sigaction(SIGCHLD, &action, nullptr);
 }
@@ -95,7 +95,7 @@ void discardChildrenWhenForking() {
 }
 
 void interruptAllTheTime() {
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_handler = [](int) {};
   sigaction(SIGALRM, &action, nullptr);
   const itimerval every{{0, 10000}, {0, 10000}};

@@ -203,7 +203,7 @@ TEST_F(Transfer, AnAdversarialServiceNeverChangesTheOutcome) {
 }
 
 TEST_F(Transfer, TheClientGoesBeforeItsBus) {
-  { const TransferServiceWrapper wrapper; }
+  (void)TransferServiceWrapper();
   EXPECT_EQ(platform.calls, (Texts{"open com.qorvex.zeloinstall", "initialize", "delete service", "close"}));
 }
 

@@ -42,7 +42,7 @@ constexpr long closeRange = 436;
 
 // Ignored, SIGCHLD has the system discard how a program ended.
 void heedChildren() {
-  struct sigaction action {};
+  struct sigaction action = {};
   if (sigaction(SIGCHLD, nullptr, &action) != 0) return;
   if (action.sa_handler == SIG_IGN) action.sa_handler = SIG_DFL;
   action.sa_flags &= ~SA_NOCLDWAIT;

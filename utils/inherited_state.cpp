@@ -23,7 +23,7 @@ void doNothing(int /*signum*/) {}
 
 void stopIgnoringSignals() {
   for (int signum = 1; signum <= SIGRTMAX; ++signum) {
-    struct sigaction action {};
+    struct sigaction action = {};
     if (sigaction(signum, nullptr, &action) != 0) continue;
     const bool byFailedWrite = signum == SIGPIPE || signum == SIGXFSZ;
     if (byFailedWrite && (action.sa_handler == SIG_IGN || action.sa_handler == SIG_DFL)) {

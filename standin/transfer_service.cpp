@@ -117,6 +117,7 @@ void TransferService::finish(Transfers::iterator entry, GDBusMethodInvocation* c
 
 void TransferService::handle(const std::string& client, std::string_view method, GVariant* arguments,
                              GDBusMethodInvocation* call) {
+  putOff(readDeferredCode());  // a file that is there before the request holds for it
   int id = 0;
   g_variant_get_child(arguments, 0, "i", &id);
   auto entry = transfers_.find({client, id});

@@ -6,11 +6,12 @@ import json
 import os
 import resource
 import time
+from functools import partial
 
 import pytest
 
 from device import demo
-from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, RETRIES, STAGES, TIMEOUT, Case,
+from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT, Case,
                           defaulted, ended, own_lines, script)
 from device.entering import mounts_allowed, tmpfs
 from device.https_server import Content, Drop, Redirect, Status
@@ -82,8 +83,12 @@ def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
         assert device.path("/run/installed").exists() == (code is None)
 
 
-def test_script_prints_more_than_the_memory_holds(device: VirtualDevice, plain_only: None) -> None:
-    script("while /bin/base64 /usr/bin/openssl; do :; done")(device)
+def test_more_than_the_memory_holds(device: VirtualDevice, plain_only: None) -> None:
     limit = 200 << 20
-    run = device.start(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit)))
+    limited = partial(device.start, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit)))
+    script("while /bin/base64 /usr/bin/openssl; do :; done")(device)
+    run = limited()
     assert run.wait() == 1 and run.log_lines()[-1] == ended("std::bad_alloc") and device.lock_holder() is None
+    device.server.answer(DOCUMENT, Content(bytes(limit)))
+    run = limited()
+    assert run.wait() == 0 and METADATA_FAILED + "invalid json " in run.log_lines()

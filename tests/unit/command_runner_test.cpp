@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <thread>
 
-#include "tests/unit/fake_platform.h"
 #include "tests/unit/in_child.h"
 #include "utils/command_runner.h"
 #include "utils/inherited_state.h"
@@ -47,9 +46,6 @@ TEST(CommandRunner, FailsWithOneTextAndLeavesNothing) {
   }
   EXPECT_EQ(inChild([] { say(failureOf([] { (void)runCommand({"/none"}); })); }),
             (Texts{"execve: No such file or directory\n", failed, "exit 0"}));
-  fake::g_largest_block = 1 << 20;
-  EXPECT_THROW((void)runCommand({"/bin/cat", "/dev/zero"}), std::bad_alloc);
-  fake::g_largest_block = SIZE_MAX;
   EXPECT_EQ(dup(0), before) << "descriptors";
   EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "processes";
   close(before);

@@ -1,6 +1,3 @@
-#include <cerrno>
-#include <cstdlib>
-
 #include "bundle/bundle.h"
 #include "download/bundle_metadata.h"
 #include "download/work_directory.h"
@@ -89,18 +86,6 @@ TEST_F(Stages, DownloadsAreRetriedWithGrowingPauses) {
         "<4> W def:zeloinstall:ZeloInstallerBundleMetadata:bundle download failed due to ";
     EXPECT_EQ(fake::count(platform.log, warning + "download failed"), row.failures) << row.retries;
   }
-}
-
-TEST_F(Stages, BothKeepTheConfiguredTimeLimit) {
-  retries = "0";
-  platform.onInitiate = [](fake::Request&) { return true; };
-  platform.onTimedWait = [](const timespec& deadline) {
-    EXPECT_LT(std::abs(deadline.tv_sec - time(nullptr) - 60), 20);
-    return ETIMEDOUT;
-  };
-  EXPECT_THROW(fetchMetadata(), ZeloException);
-  EXPECT_THROW((void)metadata.downloadBundle(), ZeloException);
-  EXPECT_EQ(fake::count(platform.calls, "finish"), 2U);
 }
 
 }  // namespace

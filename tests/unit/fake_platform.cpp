@@ -9,11 +9,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
-#include <new>
 
 #include "download/transfer_service_wrapper.h"
 #include "download/work_directory.h"
@@ -61,8 +59,6 @@ void Request::report(int state, int deferred, int reportedId) const {
   listener->onProgress(&status);
 }
 
-std::size_t g_largest_block = SIZE_MAX;
-
 Platform& platform() {
   return current;
 }
@@ -84,18 +80,6 @@ using fake::current;
 
 static struct KbusHandleStruct {
 } bus;
-
-KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) {
-  current.calls.push_back(std::string("open ") + serviceName);
-  *resultCode = 0;
-  return &bus;
-}
-
-int KbusClose(KbusHandleStruct* handle) {
-  EXPECT_EQ(handle, &bus);
-  current.calls.emplace_back("close");
-  return 0;
-}
 
 struct xfr::TransferRequestDescImpl::State : fake::Request {};
 
@@ -126,12 +110,9 @@ xfr::TransferServiceImpl::TransferServiceImpl(KbusHandleStruct* handle) : state_
   EXPECT_EQ(handle, &bus);
 }
 
-xfr::TransferServiceImpl::~TransferServiceImpl() {
-  current.calls.emplace_back("delete service");
-}
+xfr::TransferServiceImpl::~TransferServiceImpl() = default;
 
 bool xfr::TransferServiceImpl::initialize() {
-  current.calls.emplace_back("initialize");
   return true;
 }
 
@@ -198,20 +179,6 @@ static const struct RemoveWorkDirectory {
 xfr::TransferServiceImpl* getTransferService() {
   static xfr::TransferServiceImpl service(&bus);
   return &service;
-}
-
-// Not inlined: compilers would take their bodies for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const block = size <= fake::g_largest_block ? std::malloc(size) : nullptr;
-  return block != nullptr ? block : throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-  std::free(block);
-}
-
-[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
-  std::free(block);
 }
 
 // On 32 bits the calls that know the time after 2038 have names and numbers of their own.

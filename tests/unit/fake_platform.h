@@ -79,9 +79,6 @@ struct Test : testing::Test {
   Platform& platform = fake::platform();
 };
 
-/// What a block of memory must not exceed.
-extern std::size_t g_largest_block;
-
 /// Number of journal entries that begin with a text.
 unsigned count(const Texts& journal, const std::string& beginning);
 

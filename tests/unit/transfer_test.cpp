@@ -7,7 +7,6 @@
 #include <random>
 #include <thread>
 
-#include "download/transfer_service_wrapper.h"
 #include "download/transfer_wrapper.h"
 #include "platform/qorvex_daemon.h"
 #include "tests/unit/fake_platform.h"
@@ -200,11 +199,6 @@ TEST_F(Transfer, AnAdversarialServiceNeverChangesTheOutcome) {
     ASSERT_TRUE(possible) << "round " << round << ", end " << end << ": " << outcome;
     ASSERT_LT(steady_clock::now() - start, seconds(longTime / 2)) << "round " << round;
   }
-}
-
-TEST_F(Transfer, TheClientGoesBeforeItsBus) {
-  (void)TransferServiceWrapper();
-  EXPECT_EQ(platform.calls, (Texts{"open com.qorvex.zeloinstall", "initialize", "delete service", "close"}));
 }
 
 }  // namespace

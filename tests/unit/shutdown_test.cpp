@@ -36,7 +36,7 @@ TEST_F(Frame, TheLockIsReleasedOnce) {
 
 TEST_F(Frame, ASecondInstanceIsRefused) {
   platform.lockHandle = -7;
-  EXPECT_THROW(checkSingleInstance(), AnotherInstance);
+  EXPECT_EQ(failureOf<AnotherInstance>(checkSingleInstance), "one more instance of zeloinstall is running.");
   EXPECT_NE(alarm(0), 0U) << "a log receiver that has stopped reading would keep it from ending";
   EXPECT_EQ(platform.calls.at(1), "clean /var/run/zeloinstall.pid -7");
 }
@@ -101,6 +101,17 @@ void stuckPlatform() {
   raise(SIGTERM), stay();
 }
 
+void slowRelease() {
+  fake::platform().monotonicAhead = 0;
+  fake::platform().onRelease = [] {
+    raise(SIGTERM);
+    char line = 0;
+    for (int lines = 0; lines < 2 && read(STDIN_FILENO, &line, 1) == 1; ++lines) continue;
+    sleep_for(milliseconds(300)), say("released");
+  };
+  shutdownHandler(0), stay();
+}
+
 void blockedLog() {
   fake::platform().monotonicAhead = 0;
   fake::platform().onLine = [](const std::string&) { stay(); };
@@ -132,6 +143,7 @@ TEST_F(Frame, ATerminationSignalEndsTheProcess) {
       {"while the main thread acts", At::start, actForAWhile, {"acts", line, "released", end}},
       {"while the platform keeps it", At::never, stuckPlatform, {line, "released", end}},
       {"just before the end", At::start, [] { shutdownHandler(0); }, {line, "released", end}},
+      {"in the last step", At::never, slowRelease, {goingDown(0), line, "released", end}},
       {"on another thread", At::never, onAnotherThread, {"acts", line, "released", end}},
       {"of all kinds", At::never, ofAllKinds, {goingDown(SIGINT), "released", "signal 2"}},
       {"while the log blocks", At::never, blockedLog, {"released", end}},

@@ -122,7 +122,7 @@ def check_address(url: str, document: Path, report: Report) -> None:
         return
     try:
         parts = urlsplit(url)
-        host = unquote(parts.hostname or "").lower()
+        host = unquote(parts.hostname or "").lower().partition("\0")[0]  # as far as C reads it
         _ = parts.port  # parsed, and refused, when it is asked for
     except ValueError as error:
         report.error(document, f"address {url}: {error}")

@@ -28,7 +28,7 @@ def run(name: str, command: Callable[[], int]) -> int:
             signal.signal(signum, _interrupt)
     try:
         status = command()
-        sys.stdout.flush()
+        print(end="", flush=True)  # which also knows a closed standard output
         return status
     except BrokenPipeError:  # whoever reads has seen enough
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())

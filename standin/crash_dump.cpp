@@ -12,9 +12,9 @@ namespace {
 constexpr std::array<int, 7> fatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS, SIGTRAP};
 
 // For a handler that runs because the ordinary stack is used up.
-alignas(16) std::array<char, 32768> handlerStack;
+alignas(16) std::array<char, 32768> g_handler_stack;
 
-std::array<void*, 64> frames;
+std::array<void*, 64> g_frames;
 
 void say(const char* text) {
   if (write(STDERR_FILENO, text, std::strlen(text)) < 0) return;
@@ -26,7 +26,7 @@ void dump(int signum) {
   say("zeloinstall: fatal signal SIG");
   say(name == nullptr ? "?" : name);
   say(", backtrace:\n");
-  backtrace_symbols_fd(frames.data(), backtrace(frames.data(), static_cast<int>(frames.size())),
+  backtrace_symbols_fd(g_frames.data(), backtrace(g_frames.data(), static_cast<int>(g_frames.size())),
                        STDERR_FILENO);
   (void)raise(signum);
 }
@@ -34,11 +34,11 @@ void dump(int signum) {
 }  // namespace
 
 void ctrap_register_signal_handlers() {
-  backtrace(frames.data(), 1);  // the first call allocates, which a handler must not
+  backtrace(g_frames.data(), 1);  // the first call allocates, which a handler must not
 
   stack_t stack{};
-  stack.ss_sp = handlerStack.data();
-  stack.ss_size = handlerStack.size();
+  stack.ss_sp = g_handler_stack.data();
+  stack.ss_size = g_handler_stack.size();
   const bool hasStack = sigaltstack(&stack, nullptr) == 0;
 
   struct sigaction action = {};

@@ -23,8 +23,8 @@
 namespace fake {
 namespace {
 
-Platform current;
-std::mutex logLock;
+Platform g_current;
+std::mutex g_log_lock;
 
 struct Report final : xfr::TransferStatus {
   Report(int stateValue, int idValue, int deferredValue)
@@ -38,7 +38,7 @@ struct Report final : xfr::TransferStatus {
 
 int giveText(const std::optional<std::string>& text, char** result) {
   EXPECT_EQ(*result, nullptr);
-  if (current.succeedWithoutText) return 0;
+  if (g_current.succeedWithoutText) return 0;
   *result = strdup(text ? text->c_str() : "left behind by a failure");
   return text ? 0 : -1;
 }
@@ -46,12 +46,12 @@ int giveText(const std::optional<std::string>& text, char** result) {
 }  // namespace
 
 Handle::Handle(int value) : id(value) {
-  ++current.transfersAlive;
+  ++g_current.transfersAlive;
 }
 
 Handle::~Handle() {
-  --current.transfersAlive;
-  EXPECT_TRUE(!handedOver || current.requestsAlive == 0) << "a request must not outlive its handle";
+  --g_current.transfersAlive;
+  EXPECT_TRUE(!handedOver || g_current.requestsAlive == 0) << "a request must not outlive its handle";
 }
 
 void Request::report(int state, int deferred, int reportedId) const {
@@ -60,12 +60,12 @@ void Request::report(int state, int deferred, int reportedId) const {
 }
 
 Platform& platform() {
-  return current;
+  return g_current;
 }
 
 void Test::reset() {
-  EXPECT_TRUE(current.transfersAlive == 0 && current.requestsAlive == 0);
-  current = Platform();
+  EXPECT_TRUE(g_current.transfersAlive == 0 && g_current.requestsAlive == 0);
+  g_current = Platform();
   g_qorvex_log_mask = 0x0FFF0000;
 }
 
@@ -76,10 +76,10 @@ unsigned count(const Texts& journal, const std::string& beginning) {
 
 }  // namespace fake
 
-using fake::current;
+using fake::g_current;
 
 static struct KbusHandleStruct {
-} bus;
+} g_bus;
 
 struct xfr::TransferRequestDescImpl::State : fake::Request {};
 
@@ -95,11 +95,11 @@ xfr::TransferRequestDescImpl::TransferRequestDescImpl(const char* source, const 
   EXPECT_TRUE(a6 == 0 && a14 == 0 && a15 == 1 && !a18 && a19 == -1);
   EXPECT_EQ((Texts{method, client, display, passThrough, name, a20}),
             (Texts{"GET", "com.qorvex.zeloinstall", source, "", "request_download", ""}));
-  ++current.requestsAlive;
+  ++g_current.requestsAlive;
 }
 
 xfr::TransferRequestDescImpl::~TransferRequestDescImpl() {
-  --current.requestsAlive;
+  --g_current.requestsAlive;
 }
 
 struct xfr::TransferServiceImpl::State {
@@ -107,7 +107,7 @@ struct xfr::TransferServiceImpl::State {
 };
 
 xfr::TransferServiceImpl::TransferServiceImpl(KbusHandleStruct* handle) : state_(std::make_unique<State>()) {
-  EXPECT_EQ(handle, &bus);
+  EXPECT_EQ(handle, &g_bus);
 }
 
 xfr::TransferServiceImpl::~TransferServiceImpl() = default;
@@ -119,11 +119,11 @@ bool xfr::TransferServiceImpl::initialize() {
 xfr::Transfer* xfr::TransferServiceImpl::initiateTransfer(TransferRequestDescImpl* request) {
   EXPECT_EQ(state_->running, nullptr) << "one transfer at a time";
   fake::Request& submitted = *request->state_;
-  current.calls.push_back("initiate " + submitted.source + " " + submitted.destination);
-  submitted.id = current.firstId++;
+  g_current.calls.push_back("initiate " + submitted.source + " " + submitted.destination);
+  submitted.id = g_current.firstId++;
   auto handle = std::make_unique<fake::Handle>(submitted.id);
   submitted.handle = handle.get();
-  if (!current.onInitiate(submitted)) return nullptr;  // the handle goes, announced or not
+  if (!g_current.onInitiate(submitted)) return nullptr;  // the handle goes, announced or not
   state_->running = &submitted;
   handle->handedOver = true;
   return handle.release();
@@ -134,38 +134,39 @@ int xfr::TransferServiceImpl::suspendTransfer(Transfer* /*transfer*/) {
 }
 
 int xfr::TransferServiceImpl::finishTransfer(Transfer* transfer, int reason) {
-  current.calls.emplace_back("finish");
+  g_current.calls.emplace_back("finish");
   fake::Request* const running = std::exchange(state_->running, nullptr);
   const bool finishes = running != nullptr && transfer == running->handle && reason == 0;
-  EXPECT_TRUE(finishes && current.requestsAlive == 1);
-  if (finishes) current.onFinish(*running);
+  EXPECT_TRUE(finishes && g_current.requestsAlive == 1);
+  if (finishes) g_current.onFinish(*running);
   return 0;
 }
 
 int getPrefboxValue(const char* key, char** value) {
-  const auto found = current.settings.find(key);
-  return fake::giveText(found == current.settings.end() ? std::nullopt : std::optional(found->second), value);
+  const auto found = g_current.settings.find(key);
+  return fake::giveText(found == g_current.settings.end() ? std::nullopt : std::optional(found->second),
+                        value);
 }
 
 int getSoftwareVersion(std::int64_t* version) {
-  if (current.version) *version = *current.version;
-  return current.version ? 0 : -1;
+  if (g_current.version) *version = *g_current.version;
+  return g_current.version ? 0 : -1;
 }
 
 int getSoftwarePackageName(char** name) {
-  return fake::giveText(current.packageName, name);
+  return fake::giveText(g_current.packageName, name);
 }
 
 std::uint32_t g_qorvex_log_mask = 0;
 
 int qorvex_daemon_checksingleton(const char* pidFile) {
-  current.calls.push_back(std::string("check ") + pidFile);
-  return current.lockHandle;
+  g_current.calls.push_back(std::string("check ") + pidFile);
+  return g_current.lockHandle;
 }
 
 int qorvex_daemon_cleansingleton(const char* pidFile, int handle) {
-  current.calls.push_back("clean " + std::string(pidFile) + " " + std::to_string(handle));
-  current.onRelease();
+  g_current.calls.push_back("clean " + std::string(pidFile) + " " + std::to_string(handle));
+  g_current.onRelease();
   return 0;
 }
 
@@ -174,10 +175,10 @@ const std::string zelo::g_work_directory = zelo::createTempDirectory();
 // Forked processes end without it.
 static const struct RemoveWorkDirectory {
   ~RemoveWorkDirectory() { std::filesystem::remove_all(zelo::g_work_directory); }
-} removeWorkDirectory;
+} g_remove_work_directory;
 
 xfr::TransferServiceImpl* getTransferService() {
-  static xfr::TransferServiceImpl service(&bus);
+  static xfr::TransferServiceImpl service(&g_bus);
   return &service;
 }
 
@@ -191,9 +192,9 @@ void vsyslog(int priority, const char* format, std::va_list arguments) {
   char text[4096];
   std::vsnprintf(text, sizeof text, format, arguments);
   const std::string line = "<" + std::to_string(priority) + "> " + text;
-  current.onLine(line);
-  const std::lock_guard<std::mutex> lock(fake::logLock);
-  current.log.push_back(line);
+  g_current.onLine(line);
+  const std::lock_guard<std::mutex> lock(fake::g_log_lock);
+  g_current.log.push_back(line);
 }
 
 void __vsyslog_chk(int priority, int /*flag*/, const char* format, std::va_list arguments) {
@@ -203,20 +204,20 @@ void __vsyslog_chk(int priority, int /*flag*/, const char* format, std::va_list 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {
   static void* const symbol = dlsym(RTLD_NEXT, wideTime ? "__pthread_cond_timedwait64" : __func__);
   static const auto real = reinterpret_cast<decltype(&pthread_cond_timedwait)>(symbol);
-  const std::optional<int> result = current.onTimedWait(*deadline);
+  const std::optional<int> result = g_current.onTimedWait(*deadline);
   return result ? *result : real(condition, mutex, deadline);
 }
 
 int usleep(useconds_t microseconds) {
-  current.pauses.push_back(microseconds);
-  const bool interrupted = current.onPause();
+  g_current.pauses.push_back(microseconds);
+  const bool interrupted = g_current.onPause();
   errno = EINTR;
   return interrupted ? -1 : 0;
 }
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  if (current.clockFails || syscall(wideTime ? 403 : SYS_clock_gettime, clock, now) != 0) return -1;
-  if (clock == CLOCK_MONOTONIC) now->tv_sec += current.monotonicAhead;
+  if (g_current.clockFails || syscall(wideTime ? 403 : SYS_clock_gettime, clock, now) != 0) return -1;
+  if (clock == CLOCK_MONOTONIC) now->tv_sec += g_current.monotonicAhead;
   return 0;
 }
 

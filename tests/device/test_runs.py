@@ -6,7 +6,6 @@ import json
 import os
 import resource
 import time
-from functools import partial
 
 import pytest
 
@@ -15,6 +14,7 @@ from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, METADATA_FAILED, 
                           defaulted, ended, own_lines, script)
 from device.entering import mounts_allowed, tmpfs
 from device.https_server import Content, Drop, Redirect, Status
+from device.run import Run
 from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
 
 from rows import KINDS, SIGNATURES, STARTS
@@ -83,12 +83,21 @@ def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
         assert device.path("/run/installed").exists() == (code is None)
 
 
+def start_with(memory: int, device: VirtualDevice) -> Run:
+    return device.start(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (memory, memory)))
+
+
+def test_little_memory_is_no_crash(device: VirtualDevice, plain_only: None) -> None:
+    for memory in range(60 << 20, 120 << 20, 1 << 19):
+        run = start_with(memory, device)
+        assert run.wait() in (0, 1, 127), (memory, run.output())  # 127: the loader's
+
+
 def test_more_than_the_memory_holds(device: VirtualDevice, plain_only: None) -> None:
-    limit = 200 << 20
-    limited = partial(device.start, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (limit, limit)))
+    memory = 200 << 20
     script("while /bin/base64 /usr/bin/openssl; do :; done")(device)
-    run = limited()
+    run = start_with(memory, device)
     assert run.wait() == 1 and run.log_lines()[-1] == ended("std::bad_alloc") and device.lock_holder() is None
-    device.server.answer(DOCUMENT, Content(bytes(limit)))
-    run = limited()
+    device.server.answer(DOCUMENT, Content(bytes(memory)))
+    run = start_with(memory, device)
     assert run.wait() == 0 and METADATA_FAILED + "invalid json " in run.log_lines()

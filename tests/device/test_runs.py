@@ -88,9 +88,11 @@ def start_with(memory: int, device: VirtualDevice) -> Run:
 
 
 def test_little_memory_is_no_crash(device: VirtualDevice, plain_only: None) -> None:
-    for memory in range(60 << 20, 120 << 20, 1 << 19):
-        run = start_with(memory, device)
-        assert run.wait() in (0, 1, 127), (memory, run.output())  # 127: the loader's
+    for memory in range(64 << 20, 112 << 20, 1 << 19):
+        before = device.work_directories()
+        status = start_with(memory, device).wait()
+        # Before that the loader and the constructors of libraries end it as they like.
+        assert status in (0, 1) or device.work_directories() == before, (memory, status)
 
 
 def test_more_than_the_memory_holds(device: VirtualDevice, plain_only: None) -> None:

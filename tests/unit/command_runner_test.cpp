@@ -159,6 +159,11 @@ TEST(CommandRunner, InheritedStateIsPutRight) {
     say(runCommand({"/bin/grep", "-E", "Sig(Blk|Ign)", "/proc/self/status"}));  // shells unblock signals
   });
   EXPECT_EQ(said, (Texts{"SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n", "exit 0"}));
+  const Texts failed = inChild([] {
+    close(0), limit(RLIMIT_NOFILE, 0);
+    say(failureOf(zelo::repairInheritedState));
+  });
+  EXPECT_EQ(failed, (Texts{"unable to open /dev/null", "exit 0"}));
 }
 
 }  // namespace

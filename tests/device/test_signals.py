@@ -126,12 +126,6 @@ def test_stuck_log_receiver(device: VirtualDevice, gate: Gate, moment: Moment | 
     assert run.wait() == -signal.SIGTERM and device.lock_holder() is None
 
 
-def test_failing_start_with_stuck_log_receiver(device: VirtualDevice, plain_only: None) -> None:
-    device.path("/tmp").rmdir()
-    device.syslog.fill()
-    assert device.start().wait() == 1
-
-
 def test_crash_leaves_its_dump(device: VirtualDevice, plain_only: None) -> None:
     script("kill -SEGV $PPID")(device)
     run = device.start()

@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from device.booted_root import CannotBoot, wait_for
-from device.https_server import Stall, Status
+from device.https_server import Status
 from device.systemd_device import AUTHOR, DOCUMENT, SystemdDevice, running_device
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -89,16 +89,6 @@ def test_stop_lets_the_script_end(device: SystemdDevice) -> None:
     for when, left in ("--clean", "zeloinstall.*/*"), ("--remove --boot", "zeloinstall.*"):
         device.run("systemd-tmpfiles", *when.split(), "zeloinstall.conf")
         assert not list(device.path("/tmp").glob(left))
-
-
-def test_stop_ends_a_download(device: SystemdDevice) -> None:
-    device.server.answer(DOCUMENT, Stall())
-    asked = len(device.server.requests)
-    device.start("--no-block")
-    wait_for(lambda: len(device.server.requests) > asked)
-    begin = time.monotonic()
-    device.run("systemctl", "stop", "zeloinstall")
-    assert time.monotonic() - begin < 5 and device.state() == ["inactive", "success"]
 
 
 def test_stop_has_an_end(device: SystemdDevice) -> None:

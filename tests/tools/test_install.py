@@ -62,7 +62,7 @@ def test_version_is_the_same_everywhere() -> None:
     cache = (BUILD / "CMakeCache.txt").read_text()
     version = re.findall(r"CMAKE_PROJECT_VERSION:\w+=(.+)", cache)[0]
     notes = subprocess.check_output(["readelf", "--notes", BUILD / "zeloinstall"], text=True)
-    assert f'"name":"zeloinstall","version":"{version}"' in notes
+    assert f'{{"type":"deb","name":"zeloinstall","version":"{version}"}}\n' in notes
     assert (ROOT / "CHANGELOG.md").read_text().startswith(f"# Changes\n\n## {version}\n")
     for page in (ROOT / "doc").glob("*.[18]"):
         assert f'\n.Os "zeloinstall {version}"\n' in page.read_text(), page

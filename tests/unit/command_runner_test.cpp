@@ -4,12 +4,14 @@
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <iterator>
 #include <thread>
 
 #include "tests/unit/in_child.h"
@@ -20,13 +22,14 @@ using zelo::runCommand;
 
 namespace {
 
-const Texts echo{"/bin/echo", "text"};
-const Texts listDescriptors{"/bin/ls", "/proc/self/fd"};
-const std::string three = "0\n1\n2\n3\n";  // and the one that serves for listing them
-
 Texts shell(const std::string& script) {
   return {"/bin/sh", "-c", script};
 }
+
+const Texts echo{"/bin/echo", "text"};
+const Texts listDescriptors{"/bin/ls", "/proc/self/fd"};
+const Texts lookFor63 = shell("[ -e /proc/self/fd/63 ] || echo closed");
+const std::string three = "0\n1\n2\n3\n";  // and the one that serves for listing them
 
 TEST(CommandRunner, ReturnsWhatTheProgramPrints) {
   const std::string manyBytes = "i=0; while [ $i -lt 1000 ]; do printf 0123456789; i=$((i+1)); done";
@@ -63,13 +66,17 @@ void openMany() {
   limit(RLIMIT_NOFILE, 64);
 }
 
-// As kernels were before they had the call; under an emulator nothing changes.
-void forbidCloseRange() {
+// As kernels were before they had the call, and open fails with any of the flags; under an emulator nothing
+// changes.
+void forbidCloseRange(unsigned openFlags) {
   sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 436, 0, 1),
+                         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 436, 3, 0),
+                         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 3),
+                         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+                         BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, openFlags, 0, 1),
                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
                          BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-  const sock_fprog program{4, steps};
+  const sock_fprog program{std::size(steps), steps};
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
 }
@@ -119,7 +126,8 @@ TEST(CommandRunner, WorksAndFailsInOddProcesses) {
       {"SIGPIPE ignored", [] { signal(SIGPIPE, SIG_IGN); }, shell("echo a; kill -PIPE $$; echo b"), "a\n"},
       {"interruptions", interruptAllTheTime, shell("sleep 0.1; echo a; exec >&-; sleep 0.1"), "a\n"},
       {"many descriptors", openMany, listDescriptors, three},
-      {"old kernel", [] { openMany(), forbidCloseRange(); }, listDescriptors, three},
+      {"old kernel", [] { openMany(), forbidCloseRange(0); }, listDescriptors, three},
+      {"no list", [] { openMany(), forbidCloseRange(O_DIRECTORY); }, lookFor63, "closed\n"},
       {"no descriptors", [] { limit(RLIMIT_NOFILE, 3); }, echo, "unable to create pipes for reading stdout"},
       {"nobody reads errors", closeTheReaderOfErrors, {"/none"}, "failed to execute command"},
       {"nobody reads its words", closeTheReaderOfErrors, shell("echo a >&2; echo b"), "b\n"},

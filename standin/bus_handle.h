@@ -6,4 +6,5 @@
 /// What `KbusOpenEx` hands out.
 struct KbusHandleStruct {
   kbus::Connection connection;
+  int clients = 0;  // they go before it is closed
 };

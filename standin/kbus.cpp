@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <exception>
 #include <future>
-#include <utility>
+#include <memory>
 
 #include "standin/block_signals.h"
 #include "standin/bus_connection.h"
@@ -81,6 +81,7 @@ KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) try {
 
 int KbusClose(KbusHandleStruct* handle) {
   if (handle == nullptr) return -1;
+  if (handle->clients != 0) std::abort();
   const std::unique_ptr<KbusHandleStruct> owned(handle);
   return g_dbus_connection_close_sync(owned->connection.get(), nullptr, nullptr) != FALSE ? 0 : -1;
 }

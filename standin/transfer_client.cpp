@@ -61,7 +61,9 @@ TransferRequestDescImpl::TransferRequestDescImpl(
 TransferRequestDescImpl::~TransferRequestDescImpl() = default;
 
 struct TransferServiceImpl::State {
-  explicit State(GDBusConnection* connection) : bus(connection) {}
+  explicit State(KbusHandleStruct* busHandle) : handle(busHandle), bus(busHandle->connection.get()) {
+    ++handle->clients;
+  }
 
   [[nodiscard]] bool start();
   void stop();
@@ -75,6 +77,7 @@ struct TransferServiceImpl::State {
   static void hear(GDBusConnection* bus, const gchar* sender, const gchar* path, const gchar* interface,
                    const gchar* signal, GVariant* parameters, gpointer self);
 
+  KbusHandleStruct* const handle;
   GDBusConnection* const bus;
   const std::string path = kbus::objectPath(service::name);
   std::unique_ptr<GMainContext, UnrefContext> context;
@@ -147,11 +150,11 @@ void TransferServiceImpl::State::hear(GDBusConnection* /*bus*/, const gchar* /*s
   if (found != state.listeners.end()) found->second->onProgress(&status);
 }
 
-TransferServiceImpl::TransferServiceImpl(KbusHandleStruct* bus)
-    : state_(std::make_unique<State>(bus->connection.get())) {}
+TransferServiceImpl::TransferServiceImpl(KbusHandleStruct* bus) : state_(std::make_unique<State>(bus)) {}
 
 TransferServiceImpl::~TransferServiceImpl() {
   state_->stop();
+  --state_->handle->clients;
 }
 
 bool TransferServiceImpl::initialize() {

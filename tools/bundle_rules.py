@@ -122,7 +122,7 @@ def check_address(url: str, document: Path, report: Report) -> None:
         return
     try:
         parts = urlsplit(url)
-        host = unquote(parts.hostname or "").lower().partition("\0")[0]  # as far as C reads it
+        host = unquote(parts.hostname or "").lower()
         _ = parts.port  # parsed, and refused, when it is asked for
     except ValueError as error:
         report.error(document, f"address {url}: {error}")
@@ -131,6 +131,8 @@ def check_address(url: str, document: Path, report: Report) -> None:
         report.error(document, f"address {url}: devices accept https only")
     elif not host:
         report.error(document, f"address {url}: no host")
+    elif re.search(r"[\0- /\x7f]", host):
+        report.error(document, f"address {url}: no download from the host {host!r}")
     elif host in LOCAL_HOSTS or LOOPBACK.fullmatch(host):
         report.error(document, f"address {url}: devices refuse their own address {host}")
     elif is_own(host):

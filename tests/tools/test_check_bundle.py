@@ -82,7 +82,7 @@ ROWS: dict[str, tuple[bytes | Change, object, str]] = {
     "its own number": (value("url", lambda _: "https://127.999.0.1/x"), "02", "their own address 127.999"),
     "no port": (value("url", lambda _: "https://a:port/"), "02", "error: address"),
     "no host": (value("url", lambda _: "https:///x"), "02", "no host"),
-    "empty host": (value("url", lambda _: "https://%00/x"), "02", "no host"),
+    "encoded null": (value("url", lambda _: "https://a%00b/x"), "02", "no download from the host"),
 
     "no signature": (value("signature", lambda _: ""), "00", "error: the signature is empty"),
     "url-safe": (value("signature", lambda old: "-" + old[1:]), "00", "or not base64"),

@@ -9,6 +9,8 @@ from pathlib import Path
 from types import TracebackType
 from typing import Self
 
+from device import PATIENCE
+
 # Whoever is killed, this process or one of these: nothing of the root lives on.
 NSPAWN = ("setpriv", "--pdeathsig=KILL", "unshare", "--pid", "--mount-proc", "--fork", "--kill-child",
           "systemd-nspawn", "--quiet", "--register=no", "--keep-unit", "--link-journal=no",
@@ -19,11 +21,11 @@ class CannotBoot(Exception):
     """Why this user, or this machine, cannot run such a root."""
 
 
-def wait_for(condition: Callable[[], bool], seconds: float = 60) -> None:
-    end = time.monotonic() + seconds
+def wait_for(condition: Callable[[], bool]) -> None:
+    end = time.monotonic() + PATIENCE
     while not condition():
         if time.monotonic() > end:
-            raise TimeoutError(f"waited {seconds} s in vain")
+            raise TimeoutError(f"waited {PATIENCE} s in vain")
         time.sleep(0.05)
 
 

@@ -37,5 +37,6 @@ def run(name: str, command: Callable[[], int]) -> int:
         reason, status = str(end), end.status
     except (OSError, RuntimeError, ImportError, subprocess.SubprocessError) as error:
         reason, status = str(error), 1
-    print(f"{name}: {reason}", file=sys.stderr)
+    if sys.stderr:  # or print would take standard output
+        print(f"{name}: {reason}", file=sys.stderr)
     return status

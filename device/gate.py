@@ -10,9 +10,9 @@ from device import PATIENCE
 from device.virtual_device import VirtualDevice
 
 
-def until(condition: Callable[[], object], timeout: float = PATIENCE) -> None:
+def until(condition: Callable[[], object]) -> None:
     """Returns as soon as the condition holds."""
-    deadline = time.monotonic() + timeout
+    deadline = time.monotonic() + PATIENCE
     while not condition():
         if time.monotonic() > deadline:
             raise TimeoutError("what was waited for did not happen")

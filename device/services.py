@@ -50,13 +50,13 @@ class Service:
         with self._changed:
             return list(self._lines)
 
-    def wait_for(self, pattern: str, timeout: float = PATIENCE) -> str:
+    def wait_for(self, pattern: str) -> str:
         """The first line that matches the regular expression; fails when the program ends without it."""
         def found() -> str | None:
             return next((line for line in self._lines if re.fullmatch(pattern, line)), None)
 
         with self._changed:
-            self._changed.wait_for(lambda: self._ended or found() is not None, timeout)
+            self._changed.wait_for(lambda: self._ended or found() is not None, PATIENCE)
             if (line := found()) is None:
                 raise RuntimeError(f"{self._name}: no line {pattern!r} but {self._lines}")
             return line

@@ -33,7 +33,7 @@ class LogLine:
 
 
 class SyslogReceiver:
-    """Reads from construction to `close`, except between `pause` and `resume`."""
+    """Reads from construction to `close`, or to `pause`."""
 
     def __init__(self, path: Path):
         self._path = str(path)
@@ -42,8 +42,10 @@ class SyslogReceiver:
         path.chmod(0o666)
         self._lines: list[LogLine] = []
         self._changed = threading.Condition()
-        self._thread: threading.Thread | None = None
-        self.resume()
+        self._waker, woken = socket.socketpair()
+        thread = threading.Thread(target=self._read, args=(woken,), daemon=True)
+        thread.start()
+        self._thread: threading.Thread | None = thread
 
     def lines(self, pid: int | None = None) -> list[LogLine]:
         """All that was logged until now, or what one process logged."""
@@ -78,11 +80,6 @@ class SyslogReceiver:
                     sender.sendto(b"<133>filler", self._path)
             except BlockingIOError:
                 pass
-
-    def resume(self) -> None:
-        self._waker, woken = socket.socketpair()
-        self._thread = threading.Thread(target=self._read, args=(woken,), daemon=True)
-        self._thread.start()
 
     def close(self) -> None:
         self.pause()

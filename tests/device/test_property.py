@@ -82,7 +82,7 @@ def outcome(device: VirtualDevice, attempt: Attempt) -> tuple[object, ...]:
         time.sleep(attempt.signal[1] / 1000)
         run.send(attempt.signal[0])
         storm(run, 50, seed=attempt.signal[1])
-    status, lines, told, last = run.wait(), own_lines(run), shown(device), attempt.last_stage()
+    status, lines, told, last = run.wait(60), own_lines(run), shown(device), attempt.last_stage()
 
     stages = [line for line in lines if line in STAGES]
     begun = len(stages)

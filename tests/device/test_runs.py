@@ -84,11 +84,13 @@ def start_with(memory: int, device: VirtualDevice) -> Run:
 
 
 def test_little_memory_is_no_crash(device: VirtualDevice, plain_only: None) -> None:
+    statuses = set()
     for memory in range(64 << 20, 112 << 20, 1 << 19):
         before = device.work_directories()
         status = start_with(memory, device).wait()
-        # Before that the loader and the constructors of libraries end it as they like.
-        assert status in (0, 1) or device.work_directories() == before, (memory, status)
+        if device.work_directories() != before:  # or the loader, or a library's constructor, has ended it
+            statuses.add(status)
+    assert statuses == {0, 1}
 
 
 def test_more_than_the_memory_holds(device: VirtualDevice, plain_only: None) -> None:
@@ -97,6 +99,6 @@ def test_more_than_the_memory_holds(device: VirtualDevice, plain_only: None) -> 
     run = start_with(memory, device)
     assert run.wait() == 1 and run.log_lines()[-1] == ended("std::bad_alloc")
     assert device.path(INSTALLED).exists() and device.lock_holder() is None
-    device.server.answer(DOCUMENT, Content(bytes(memory)))
+    device.server.answer(DOCUMENT, Content(b"x" * (memory // 2)))
     run = start_with(memory, device)
     assert run.wait() == 0 and METADATA_FAILED + "invalid json " in run.log_lines()

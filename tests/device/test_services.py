@@ -24,7 +24,7 @@ def test_transfer_service_dies(device: VirtualDevice) -> None:
     bundle = device.make_bundle()
     device.server.answer(ARCHIVE, Stall(), Content(bundle.archive))
     device.set_pref(RETRIES, "1")
-    device.set_pref(TIMEOUT, "3")
+    device.set_pref(TIMEOUT, "8")
     run = device.start()
     until(lambda: ARCHIVE in device.server.requests)
     device.restart_transfers()

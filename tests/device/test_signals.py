@@ -50,7 +50,7 @@ class Moment:
             return run, gate.wait()
         until(lambda: len(device.server.requests) == self.requests)
         if self.place == "pause":
-            run.wait_for_line(METADATA_FAILED)
+            until(lambda: sum(METADATA_FAILED in line for line in run.log_lines()) == self.requests)
         return run, None
 
     def release(self, gate: Gate) -> None:
@@ -60,7 +60,7 @@ class Moment:
 
 STALLED, RUN_SH = Moment(DOCUMENT, 1, 1), Moment("run.sh", 5, 2)
 MOMENTS = [
-    STALLED, Moment("pause", 1, 1, both(setting(RETRIES, "9"), answer(DOCUMENT, Status(503)))),
+    STALLED, Moment("pause", 1, 2, both(setting(RETRIES, "9"), answer(DOCUMENT, Status(503)))),
     Moment(ARCHIVE, 2, 2), Moment("/bin/base64", 3, 2), Moment("/usr/bin/openssl", 3, 2),
     Moment("/bin/tar", 4, 2), RUN_SH,
     Moment(SET_PROP, 1, 0, setting(TEMPLATE, None), ("load = zelo",)),

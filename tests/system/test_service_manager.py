@@ -10,13 +10,12 @@ from pathlib import Path
 import pytest
 
 from device.booted_root import CannotBoot, wait_for
+from device.cases import END, STAGES
 from device.https_server import Status
 from device.systemd_device import AUTHOR, DOCUMENT, SystemdDevice, running_device
 
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("ZELO_BUILD_DIR", ROOT / "build" / "release"))
-STAGES = ("Downloading metadata", "Downloading bundle", "Validating bundle", "Extracting bundle",
-          "Running installer")
 SLOW_SCRIPT = """echo ${0%/*} >/tmp/begun.new; mv /tmp/begun.new /tmp/begun
 while [ ! -e /tmp/go ]; do sleep 0.1; done; touch /tmp/whole"""
 
@@ -50,8 +49,7 @@ def test_good_attempt_is_in_the_journal(device: SystemdDevice) -> None:
     device.start()
     assert device.path("/tmp/installed").exists()
     lines = [line for line in device.log() if "def:" in line[1]]
-    assert lines == [(5, f"I def:zeloinstall:main:{stage}") for stage in STAGES] + [
-        (5, "I def:zeloinstall:signum=0:We're going down...")]
+    assert lines == [(5, line) for line in (*STAGES, END)]
 
 
 def test_failure_and_crash_look_different(device: SystemdDevice) -> None:

@@ -66,7 +66,7 @@ void openMany() {
   limit(RLIMIT_NOFILE, 64);
 }
 
-// As kernels were before they had the call, and open fails with any of the flags; under an emulator nothing
+// As on kernels without the call. Opening with any of the flags fails, too; under an emulator nothing
 // changes.
 void forbidCloseRange(unsigned openFlags) {
   sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),

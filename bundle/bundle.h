@@ -6,7 +6,8 @@ namespace zelo {
 
 class ZeloInstaller;
 
-/// A bundle on disk: the archive and its signature. Neither file is ever removed.
+/// A bundle on disk: the archive and its signature. Neither file is ever removed. What verifies is defined
+/// in bundle_signature.cpp.
 class ZeloInstallerBundle {
  public:
   /// From absolute paths; neither file is examined.

@@ -72,18 +72,11 @@ KINDS = {
             "E def:TransferServiceWrapper:Transfer Service initialization failed:", STAGES[0],
             METADATA_FAILED + NOT_TAKEN, reported(NOT_TAKEN, "02"), END], ("load = zelo", "showError 02")),
     ],
-    "retries": [fatal("retries no number", setting(RETRIES, "many"), 1, "stoi")],
     "authority": [unfetched("unknown authority", other_authority)],
     "address": [
         failing("no template", setting(TEMPLATE, None), 1, "key does not exist", "99"),
         failing("template with %d", setting(TEMPLATE, "https://bundles.zelo.example/%d"), 1,
                 "invalid metadata url template", "99"),
-    ],
-    "device": [
-        failing("no software version", lambda d: d.path("/etc/device-info").unlink(), 1,
-                "could not get software version", "99"),
-        failing("no package name", lambda d: d.write("/etc/device-info", "[device]\nsoftware_version=1\n"), 1,
-                "could not get software package name", "99"),
     ],
     "openssl": [
         refused("no openssl", tool("/usr/bin/openssl", None)),

@@ -5,7 +5,7 @@ import signal
 from pathlib import Path
 
 from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, RETRIES, SEND_EVENT, SET_PROP, STAGES, TIMEOUT,
-                          ended, own_lines)
+                          ended, going_down, own_lines, script)
 from device.entering import AS_ROOT
 from device.gate import until
 from device.https_server import Content, Stall
@@ -17,6 +17,13 @@ def test_daemon_opens_no_connection(device: VirtualDevice) -> None:
     run = device.start(prefix=["/usr/bin/unshare", *([] if AS_ROOT else ["-r"]), "-n"])
     assert run.wait() == 0 and own_lines(device) == [*STAGES, END]
     assert device.path(INSTALLED).exists()
+
+
+def test_first_process_of_a_container(device: VirtualDevice) -> None:
+    """Signals have no default action there: its exit status tells which one ended it."""
+    script("kill -TERM $PPID")(device)
+    run = device.start(prefix=["/usr/bin/unshare", *([] if AS_ROOT else ["-r"]), "--pid", "--fork"])
+    assert run.wait() == 128 + signal.SIGTERM and own_lines(device) == [*STAGES, going_down(signal.SIGTERM)]
 
 
 def test_transfer_service_dies(device: VirtualDevice) -> None:

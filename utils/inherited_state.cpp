@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace zelo {
@@ -46,6 +47,7 @@ void repairInheritedState() {
   openStandardDescriptors();
   stopIgnoringSignals();
   stopTimers();
+  (void)clearenv();  // NOLINT(concurrency-mt-unsafe): there is one thread yet
   sigset_t none;
   sigemptyset(&none);
   pthread_sigmask(SIG_SETMASK, &none, nullptr);

@@ -22,7 +22,7 @@ constexpr const char* responseFormat =
 
 // A body that ends with the connection may have been cut, and curl takes it as it is.
 bool isKnownToBeWhole(const std::string& version, const std::string& size, const std::string& framing) {
-  return version >= "2" || framing == "chunked:" || framing == ":" + size;
+  return version >= "2" || g_ascii_strcasecmp(framing.c_str(), "chunked:") == 0 || framing == ":" + size;
 }
 
 int errorCode(GSubprocess* process, const char* response) {

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 namespace {
 
 constexpr int refused = -1;
+constexpr mode_t ownerOnly = 0600;  // whoever may read a file may lock it, too
 
 int fail(const char* what, const char* pidFile) {
   syslog(LOG_ERR, "singleton: unable to %s %s: %s", what, pidFile, strerrordesc_np(errno));
@@ -28,8 +30,9 @@ bool lock(int fd) {
 }  // namespace
 
 int qorvex_daemon_checksingleton(const char* pidFile) {
-  const int fd = open(pidFile, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+  const int fd = open(pidFile, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, ownerOnly);
   if (fd < 0) return fail("open", pidFile);
+  (void)fchmod(fd, ownerOnly);
   if (!lock(fd)) {
     const int result = errno == EACCES || errno == EAGAIN ? refused : fail("lock", pidFile);
     close(fd);

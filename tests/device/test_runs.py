@@ -10,8 +10,8 @@ import time
 import pytest
 
 from device import demo
-from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT, Case,
-                          defaulted, ended, own_lines, script)
+from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT,
+                          Case, defaulted, ended, own_lines, script)
 from device.entering import mounts_allowed, tmpfs
 from device.https_server import Content, Drop, Redirect, Status
 from device.run import Run
@@ -50,6 +50,7 @@ def test_what_a_good_run_asks_and_leaves(device: VirtualDevice) -> None:
     assert device.server.requests == [f"{DOCUMENT}?version=123456789012&package=base%20image%2F1", ARCHIVE]
     [work] = device.work_directories()
     assert work.stat().st_mode & 0o7777 == 0o700
+    assert device.path("/var/run/zeloinstall.pid").stat().st_mode & 0o7777 == 0o600
     assert {file.name for file in work.iterdir()} == {
         "run.sh", "zelo_installer_meta.json", "zelo_installer.tar.gz", "zelo_installer.tar.gz.sig",
         "zelo_installer.tar.gz.sig.sha256"}

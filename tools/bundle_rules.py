@@ -79,7 +79,7 @@ def read_members(document: Path, report: Report) -> dict[str, object] | None:
     def first_ones(pairs: list[tuple[str, object]]) -> dict[str, object]:
         if len(dict(pairs)) < len(pairs):
             report.warning(document, "a member appears twice; devices take the first")
-        return dict(reversed(pairs))
+        return {name.partition("\0")[0]: value for name, value in reversed(pairs)}
 
     def refuse(constant: str) -> None:
         raise ValueError(f"{constant} is no JSON")
@@ -92,6 +92,8 @@ def read_members(document: Path, report: Report) -> dict[str, object] | None:
     try:
         decoder = json.JSONDecoder(object_pairs_hook=first_ones, parse_constant=refuse, strict=False)
         members, end = decoder.raw_decode(text)
+        if re.search("[\ud800-\udc7f\udd00-\udfff]", json.dumps(members, ensure_ascii=False)):
+            raise ValueError("half of a surrogate pair")
     except (ValueError, RecursionError) as error:
         report.error(document, f"not JSON: {error}")
         return None

@@ -59,7 +59,7 @@ def run_command(main: Callable[[], int], failed: int) -> NoReturn:
         text = error.strerror or str(error)
         print(f"{name}: {error.filename}: {text}" if error.filename else f"{name}: {text}", file=sys.stderr)
         status = failed
-    except Failure as failure:
+    except (Failure, RuntimeError) as failure:  # a loop of links is a RuntimeError
         print(f"{name}: {failure}", file=sys.stderr)
         status = failed
     # Not through the interpreter's end, which would try again to write what could not be written.

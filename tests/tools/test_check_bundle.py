@@ -71,6 +71,7 @@ ROWS: dict[str, tuple[bytes | Change, object, str]] = {
     "too deep": (text(lambda _: b"[" * 100000), "02", "error: not JSON"),
     "no JSON number": (text(lambda old: old.replace(b"}", b', "x": NaN}')), "02", "error: not JSON: NaN"),
     "null byte": (text(lambda old: old.replace(b"}", b', "x": "\0"}')), "02", "error: not JSON"),
+    "half a pair": (text(lambda old: old.replace(b"}", b', "x": "\\ud800"}')), "02", "half of a surrogate"),
     "more after it": (text(lambda old: old + b"garbage"), None, "warning: something follows"),
     "arguments swapped": (text(lambda _: GOOD), "02", "arguments swapped?"),
     "good, then bad": (text(lambda old: old.replace(b"}", b', "url": 1}')), None, "warning: a member"),

@@ -2,6 +2,7 @@
 
 import base64
 import json
+import re
 import subprocess
 from collections.abc import Mapping
 from dataclasses import dataclass, replace
@@ -19,7 +20,10 @@ class Bundle:
     document: bytes
 
     def with_url(self, url: str) -> "Bundle":
-        return replace(self, document=json.dumps({**json.loads(self.document), "url": url}).encode())
+        """The rest of the document stays as it is, whatever is wrong with it."""
+        member = json.dumps({"url": url}).strip("{}").encode()
+        document = re.sub(rb'"url"\s*:\s*"(\\.|[^"\\])*"', lambda _: member, self.document, count=1)
+        return replace(self, document=document)
 
     def tampered(self) -> "Bundle":
         """One bit of the archive differs from what was signed."""
@@ -29,8 +33,8 @@ class Bundle:
 def pack(source: Path, key: Path, url: str) -> Bundle:
     """A bundle of a directory's files, signed with the private `key`."""
     with TemporaryDirectory(prefix="zb.") as output:
-        done = subprocess.run([TOOL, "--key", key, "--url", url, "--output", output, source], check=False,
-                              stdout=subprocess.DEVNULL)
+        command: list[str | Path] = [TOOL, "--key", key, "--url", url, "--output", output, "--", source]
+        done = subprocess.run(command, check=False, stdout=subprocess.DEVNULL)
         if done.returncode != 0:
             raise RuntimeError(f"make-bundle makes no bundle of {source}")
         return Bundle(Path(output, "zelo_installer.tar.gz").read_bytes(),

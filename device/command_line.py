@@ -28,6 +28,8 @@ def run(name: str, command: Callable[[], int]) -> int:
             signal.signal(signum, _interrupt)
     try:
         status = command()
+        for signum in SIGNALS:  # nothing is left to tidy up
+            signal.signal(signum, signal.SIG_DFL)
         print(end="", flush=True)  # which also knows a closed standard output
         return status
     except BrokenPipeError:  # whoever reads has seen enough

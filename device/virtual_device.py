@@ -91,7 +91,7 @@ class VirtualDevice:
         if isinstance(content, Path):
             shutil.copyfile(content, target)
         else:
-            target.write_bytes(content.encode() if isinstance(content, str) else content)
+            target.write_bytes(os.fsencode(content) if isinstance(content, str) else content)
         target.chmod(mode)
 
     def set_pref(self, key: str, value: str | None) -> None:

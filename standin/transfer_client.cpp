@@ -64,6 +64,9 @@ struct TransferServiceImpl::State {
   explicit State(KbusHandleStruct* busHandle) : handle(busHandle), bus(busHandle->connection.get()) {
     ++handle->clients;
   }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+  ~State() { --handle->clients; }
 
   [[nodiscard]] bool start();
   void stop();
@@ -154,7 +157,6 @@ TransferServiceImpl::TransferServiceImpl(KbusHandleStruct* bus) : state_(std::ma
 
 TransferServiceImpl::~TransferServiceImpl() {
   state_->stop();
-  --state_->handle->clients;
 }
 
 bool TransferServiceImpl::initialize() {

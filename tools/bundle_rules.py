@@ -77,9 +77,10 @@ def check_document(document: Path, report: Report) -> str | None:
 def read_members(document: Path, report: Report) -> dict[str, object] | None:
     """The document's members, as the device's parser finds them."""
     def first_ones(pairs: list[tuple[str, object]]) -> dict[str, object]:
-        if len(dict(pairs)) < len(pairs):
+        members = {name.partition("\0")[0]: value for name, value in reversed(pairs)}
+        if len(members) < len(pairs):
             report.warning(document, "a member appears twice; devices take the first")
-        return {name.partition("\0")[0]: value for name, value in reversed(pairs)}
+        return members
 
     def refuse(constant: str) -> None:
         raise ValueError(f"{constant} is no JSON")

@@ -28,8 +28,6 @@ def run(name: str, command: Callable[[], int]) -> int:
             signal.signal(signum, _interrupt)
     try:
         status = command()
-        for signum in SIGNALS:  # nothing is left to tidy up
-            signal.signal(signum, signal.SIG_DFL)
         print(end="", flush=True)  # which also knows a closed standard output
         return status
     except BrokenPipeError:  # whoever reads has seen enough
@@ -39,6 +37,10 @@ def run(name: str, command: Callable[[], int]) -> int:
         reason, status = str(end), end.status
     except (OSError, RuntimeError, ImportError, subprocess.SubprocessError) as error:
         reason, status = str(error), 1
+    finally:  # nothing is left to tidy up; raising while the interpreter ends would leave the status 0
+        for signum in SIGNALS:
+            if signal.getsignal(signum) == _interrupt:
+                signal.signal(signum, signal.SIG_DFL)
     if sys.stderr:  # or print would take standard output
         print(f"{name}: {reason}", file=sys.stderr)
     return status

@@ -39,7 +39,7 @@ def test_what_an_author_is_shown(build: Path, tmp_path: Path) -> None:
 
     assert attempt(build, source, "--bare")[1].endswith("code 03\n")  # without awk
     bundle = pack(source, keys.private("author"), "https://bundles.example.com/x")
-    document.write_bytes(bundle.document)
+    document.write_bytes(bundle.document.replace(b"}", b', "signature": "the second one"}'))
     archive.write_bytes(bundle.archive)
     assert attempt(build, document, archive, "--key", keys.public("author"))[0] == 0
     status, said = attempt(build, document, archive, "--key", keys.public("other"))

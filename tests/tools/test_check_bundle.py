@@ -76,7 +76,7 @@ ROWS: dict[str, tuple[bytes | Change, object, str]] = {
     "arguments swapped": (text(lambda _: GOOD), "02", "arguments swapped?"),
     "good, then bad": (text(lambda old: old.replace(b"}", b', "url": 1}')), None, "warning: a member"),
     "bad, then good": (text(lambda old: b'{"url": "http://a/", ' + old[1:]), "02", "error: address http"),
-    "null in name": (text(lambda old: b'{"url\\u0000": "http://a/", ' + old[1:]), "02", "error: address http"),
+    "ends early": (text(lambda old: b'{"url\\u0000": "http://a/", ' + old[1:]), "02", "error: address http"),
     "null character": (value("url", lambda url: f"{url}\0/x"), None, "warning: member url holds"),
     "url a number": (value("url", lambda _: 1), "02", "error: no string member url"),
     "blank": (value("url", lambda url: f"{url} x"), "02", "holds a blank"),

@@ -4,6 +4,11 @@ with the same libraries: what the daemon adds to that is its own.
 Every round runs all three in turn on the virtual device, so that what slows the machine down slows them all.
 """
 
+from device import alone
+
+if __name__ == "__main__":
+    alone.enter()
+
 import argparse
 import os
 import shutil

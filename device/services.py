@@ -7,7 +7,6 @@ from collections.abc import Sequence
 from pathlib import Path
 
 from device import PATIENCE
-from device.entering import as_root, enter
 
 NO_ENVIRONMENT: dict[str, str] = {}
 BUS_SOCKET = "run/kbus.sock"
@@ -25,6 +24,11 @@ BUS_CONFIG = """\
   </policy>
 </busconfig>
 """
+
+
+def enter(root: Path) -> list[str]:
+    """Prefix for a program inside `root`; its path and arguments follow. The process id stays."""
+    return ["/usr/sbin/chroot", str(root)]
 
 
 class Service:
@@ -87,7 +91,7 @@ def start_bus(base: Path, root: Path) -> Service:
     config.write_text(BUS_CONFIG.format(socket=root / BUS_SOCKET))
     command = ["/usr/bin/dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog",
                "--print-address=1"]
-    return Service([*as_root(), *command], base, "unix:path=.*")
+    return Service(command, base, "unix:path=.*")
 
 
 class TransferService(Service):
@@ -95,8 +99,8 @@ class TransferService(Service):
 
     PROGRAM = "/usr/sbin/transfer-service"
 
-    def __init__(self, base: Path, root: Path, mounts: Sequence[str] = ()):
-        super().__init__([*enter(str(root), mounts), self.PROGRAM], base, "transfer-service: ready")
+    def __init__(self, base: Path, root: Path):
+        super().__init__([*enter(root), self.PROGRAM], base, "transfer-service: ready")
 
 
 class Shell:
@@ -106,7 +110,7 @@ class Shell:
     TOOL = "/usr/lib/virtual-device/kbus-set-prop"
 
     def __init__(self, base: Path, root: Path):
-        self._enter = enter(str(root))
+        self._enter = enter(root)
         self._service = Service([*self._enter, "/usr/bin/vestrel"], base, "vestrel: ready")
         self._asked = 0
         self.stop = self._service.stop

@@ -45,7 +45,7 @@ def test_whatever_is_inherited_the_script_finds_order(device: VirtualDevice, gat
     script(Gate.WAIT)(device)
     for state in STATES:
         before = device.work_directories()
-        run = device.start(last=[sys.executable, "-ISc", STARTER, json.dumps(state)], env={"SECRET": "x"})
+        run = device.start(prefix=[sys.executable, "-ISc", STARTER, json.dumps(state)], env={"SECRET": "x"})
         found = found_by(gate.wait())
         gate.open()
         [work] = set(device.work_directories()) - set(before)

@@ -43,7 +43,8 @@ NO_ARCHIVES = {b"BZh": "compressed with bzip2, not gzip", b"\xfd7zXZ": "compress
 
 @dataclass(frozen=True)
 class Finding:
-    severity: str
+    severity: str  # error or warning
+    kind: str  # the rule, for callers: what it is about (document, address, ...), a dash, what is wrong
     subject: Path
     text: str
 
@@ -53,11 +54,11 @@ class Report:
     findings: list[Finding] = field(default_factory=list)
     facts: dict[str, object] = field(default_factory=dict)
 
-    def error(self, subject: Path, text: str) -> None:
-        self.findings.append(Finding("error", subject, text))
+    def error(self, kind: str, subject: Path, text: str) -> None:
+        self.findings.append(Finding("error", kind, subject, text))
 
-    def warning(self, subject: Path, text: str) -> None:
-        self.findings.append(Finding("warning", subject, text))
+    def warning(self, kind: str, subject: Path, text: str) -> None:
+        self.findings.append(Finding("warning", kind, subject, text))
 
     def has_error(self) -> bool:
         return any(finding.severity == "error" for finding in self.findings)
@@ -79,7 +80,8 @@ def read_members(document: Path, report: Report) -> dict[str, object] | None:
     def first_ones(pairs: list[tuple[str, object]]) -> dict[str, object]:
         members = {name.partition("\0")[0]: value for name, value in reversed(pairs)}
         if len(members) < len(pairs):
-            report.warning(document, "a member appears twice; devices take the first")
+            report.warning("document-member-twice", document,
+                           "a member appears twice; devices take the first")
         return members
 
     def refuse(constant: str) -> None:
@@ -88,7 +90,7 @@ def read_members(document: Path, report: Report) -> dict[str, object] | None:
     raw = document.read_bytes()
     text = raw.partition(b"\0")[0].decode("utf-8-sig", "surrogateescape").strip()
     if raw.startswith(b"\x1f\x8b"):
-        report.error(document, f"not JSON: it looks like an archive; {SWAPPED}")
+        report.error("document-not-json", document, f"not JSON: it looks like an archive; {SWAPPED}")
         return None
     try:
         decoder = json.JSONDecoder(object_pairs_hook=first_ones, parse_constant=refuse, strict=False)
@@ -96,14 +98,14 @@ def read_members(document: Path, report: Report) -> dict[str, object] | None:
         if re.search("[\ud800-\udc7f\udd00-\udfff]", json.dumps(members, ensure_ascii=False)):
             raise ValueError("half of a surrogate pair")
     except (ValueError, RecursionError) as error:
-        report.error(document, f"not JSON: {error}")
+        report.error("document-not-json", document, f"not JSON: {error}")
         return None
     if re.search("[\udc80-\udcff]", text):
-        report.warning(document, "not all of it is UTF-8")
+        report.warning("document-not-utf-8", document, "not all of it is UTF-8")
     if text[end:] or b"\0" in raw:
-        report.warning(document, "something follows the document's end")
+        report.warning("document-trailing-data", document, "something follows the document's end")
     if not isinstance(members, dict):
-        report.error(document, "not a JSON object")
+        report.error("document-not-an-object", document, "not a JSON object")
         return None
     return members
 
@@ -111,37 +113,38 @@ def read_members(document: Path, report: Report) -> dict[str, object] | None:
 def text_member(name: str, members: dict[str, object], document: Path, report: Report) -> str | None:
     value = members.get(name)
     if not isinstance(value, str):
-        report.error(document, f"no string member {name}")
+        report.error("document-member-missing", document, f"no string member {name}")
         return None
     text, null, _ = value.partition("\0")
     if null:
-        report.warning(document, f"member {name} holds \\u0000, where it ends for devices")
+        report.warning("document-null-character", document,
+                       f"member {name} holds \\u0000, where it ends for devices")
     return text
 
 
 def check_address(url: str, document: Path, report: Report) -> None:
     if re.search(r"[\0- \x7f]", url):
-        report.error(document, f"address {url!r}: holds a blank or a control character")
+        report.error("address-malformed", document, f"address {url!r}: holds a blank or a control character")
         return
     try:
         parts = urlsplit(url)
         host = unquote(parts.hostname or "").lower()
         _ = parts.port  # parsed, and refused, when it is asked for
     except ValueError as error:
-        report.error(document, f"address {url}: {error}")
+        report.error("address-malformed", document, f"address {url}: {error}")
         return
     if parts.scheme != "https":
-        report.error(document, f"address {url}: devices accept https only")
+        report.error("address-not-https", document, f"address {url}: devices accept https only")
     elif not host:
-        report.error(document, f"address {url}: no host")
+        report.error("address-malformed", document, f"address {url}: no host")
     elif re.search(r"[\0- /\x7f]", host):
-        report.error(document, f"address {url}: no download from the host {host!r}")
+        report.error("address-malformed", document, f"address {url}: no download from the host {host!r}")
     elif host in LOCAL_HOSTS or LOOPBACK.fullmatch(host):
-        report.error(document, f"address {url}: devices refuse their own address {host}")
+        report.error("address-own", document, f"address {url}: devices refuse their own address {host}")
     elif is_own(host):
-        report.warning(document, f"address {url}: {host} is each device's own address")
+        report.warning("address-own", document, f"address {url}: {host} is each device's own address")
     if not url.isascii():
-        report.warning(document, f"address {url}: holds characters that are not ASCII")
+        report.warning("address-not-ascii", document, f"address {url}: holds characters that are not ASCII")
     report.facts["address"] = url
 
 
@@ -164,19 +167,21 @@ def describe_key(key: Path, report: Report) -> str | None:
     size = re.search(rb"Public-Key: \(([0-9]+) bit", done.stdout)
     # Some versions of openssl take the public half of a private key.
     if b"PRIVATE KEY-----" in text:
-        report.error(key, "a private key, which must never get on a device; it needs the public one")
+        report.error("key-private", key,
+                     "a private key, which must never get on a device; it needs the public one")
     elif b"-----BEGIN CERTIFICATE-----" in text:
-        report.error(key, "a certificate; devices need the public key alone")
+        report.error("key-certificate", key, "a certificate; devices need the public key alone")
     elif done.returncode != 0:
-        report.error(key, "not a public key that openssl can read")
+        report.error("key-unreadable", key, "not a public key that openssl can read")
     elif not size:
         kind = done.stdout.partition(b" ")[0].decode()
-        report.error(key, f"devices cannot use a key of the kind {kind}; RSA and EC keys work")
+        report.error("key-unusable", key,
+                     f"devices cannot use a key of the kind {kind}; RSA and EC keys work")
     else:
         kind = "RSA" if b"Modulus:" in done.stdout else "EC" if b"OID:" in done.stdout else "other"
         bits = int(size[1])
         if bits < (224 if kind == "EC" else 2048):
-            report.warning(key, f"a weak key, of {bits} bits only")
+            report.warning("key-weak", key, f"a weak key, of {bits} bits only")
         report.facts["key"] = f"{kind}, {bits} bits"
         return f"{kind}, {bits} bits"
     return None
@@ -188,15 +193,17 @@ def check_signature(signature: bytes, document: Path, archive: Path, key: Path, 
     text.write_bytes(signature)
     done = run("base64", "-d", text)
     if done.returncode != 0 or not done.stdout:
-        report.error(document, "the signature is empty or not base64 (with + and /, and = to its end)")
+        report.error("signature-not-base64", document,
+                     "the signature is empty or not base64 (with + and /, and = to its end)")
         return
     if len(signature.replace(b"\n", b"")) % 4:
-        report.warning(document, "the signature is base64 without = to its end, which some devices refuse")
+        report.warning("signature-unpadded", document,
+                       "the signature is base64 without = to its end, which some devices refuse")
     decoded.write_bytes(done.stdout)
     done = run("openssl", "dgst", "-sha256", "-verify", key.absolute(), "-signature", decoded,
                archive.absolute())
     if done.stdout != b"Verified OK\n":
-        report.error(archive, f"the signature does not verify with {key}")
+        report.error("signature-wrong", archive, f"the signature does not verify with {key}")
 
 
 def check_archive(archive: Path, directory: Path, report: Report) -> None:
@@ -208,16 +215,16 @@ def check_archive(archive: Path, directory: Path, report: Report) -> None:
         (directory / name).touch()
     done = run("tar", "-xzf", archive.absolute(), "-C", directory)
     if done.returncode != 0:
-        report.error(archive, f"does not unpack: {why_not(archive, done.stderr)}")
+        report.error("archive-not-unpacked", archive, f"does not unpack: {why_not(archive, done.stderr)}")
         return
     try:
         with tarfile.open(archive, "r:gz") as tar:
             for count, member in enumerate(tar, 1):
                 report.facts["members"] = count
-                for remark in remarks_on(member):
-                    report.warning(archive, f"member {member.name!r}: {remark}")
+                for kind, remark in remarks_on(member):
+                    report.warning(kind, archive, f"member {member.name!r}: {remark}")
     except (tarfile.TarError, OSError, EOFError, ValueError, zlib.error) as error:
-        report.warning(archive, f"its members cannot be listed: {error}")
+        report.warning("archive-not-listed", archive, f"its members cannot be listed: {error}")
     check_tree(archive, directory, report)
     check_script(archive, directory, report)
 
@@ -238,19 +245,20 @@ def why_not(archive: Path, said: bytes) -> str:
     return lines[0] if lines else "no reason given"
 
 
-def remarks_on(member: tarfile.TarInfo) -> Iterator[str]:
+def remarks_on(member: tarfile.TarInfo) -> Iterator[tuple[str, str]]:
+    """Kind and text of each warning."""
     name = posixpath.normpath(member.name)
     if name.startswith("/"):
-        yield "the name is absolute, which devices take for one below the work directory"
+        yield "member-absolute", "the name is absolute, which devices take for one below the work directory"
     if name in RESERVED:
-        yield "the name is the daemon's own"
+        yield "member-reserved", "the name is the daemon's own"
     if name == "." and member.mode != WORK_DIRECTORY_MODE:
-        yield f"gives the daemon's work directory the mode {member.mode:04o}"
+        yield "member-work-directory", f"gives the daemon's work directory the mode {member.mode:04o}"
     if not (member.isreg() or member.isdir() or member.issym() or member.islnk()):
-        yield "neither a file, a directory nor a link"
+        yield "member-special", "neither a file, a directory nor a link"
     # The device goes by the names where it knows them.
     if (member.uid, member.gid) != (0, 0) or not {member.uname, member.gname} <= {"", "root"}:
-        yield (f"belongs to {member.uname or member.uid}:{member.gname or member.gid} "
+        yield ("member-owner", f"belongs to {member.uname or member.uid}:{member.gname or member.gid} "
                f"({member.uid}:{member.gid}), not to root")
 
 
@@ -268,8 +276,9 @@ def check_tree(archive: Path, directory: Path, report: Report) -> None:
                 unpacked += info.st_size
                 room += blocks(info.st_size)
             elif stat.S_ISLNK(info.st_mode) and not is_inside(directory, path):
-                report.warning(archive, f"member {str(path.relative_to(directory))!r}: a link to "
-                                        f"{os.readlink(path)!r}, out of the directory")
+                report.warning("member-link-outside", archive,
+                               f"member {str(path.relative_to(directory))!r}: a link "
+                               f"to {os.readlink(path)!r}, out of the directory")
     report.facts.update({"packed": f"{archive.stat().st_size} bytes", "unpacked": f"{unpacked} bytes",
                          "room needed in /tmp": f"{room + blocks(1) * len(RESERVED)} bytes"})
 
@@ -287,43 +296,53 @@ def check_script(archive: Path, directory: Path, report: Report) -> None:
     """What the kernel of the device makes of the script."""
     script = directory / SCRIPT
     if not is_inside(directory, script):
-        report.warning(archive, f"{SCRIPT}: a link out of the directory; what it leads to is unknown")
+        report.warning("script-elsewhere", archive,
+                       f"{SCRIPT}: a link out of the directory; what it leads to is unknown")
         return
     try:
         mode = script.stat().st_mode
     except OSError as error:
-        report.error(archive, f"{SCRIPT}: {error.strerror}")
+        report.error("script-missing", archive, f"{SCRIPT}: {error.strerror}")
         return
     if not stat.S_ISREG(mode):
-        report.error(archive, f"{SCRIPT}: not a regular file")
+        report.error("script-not-a-file", archive, f"{SCRIPT}: not a regular file")
         return
     if not mode & (stat.S_IXUSR | stat.S_IXGRP | stat.S_IXOTH):
-        report.error(archive, f"{SCRIPT}: not executable")
+        report.error("script-not-executable", archive, f"{SCRIPT}: not executable")
     script.chmod(mode | stat.S_IRUSR)
     text = script.read_bytes()
     line = text[:KERNEL_READS].partition(b"\n")[0]
     match = re.match(rb"#![ \t]*([^ \t\0]+)", line)
     if text.startswith(b"\x7fELF"):
-        report.warning(archive, f"{SCRIPT}: a program, which runs only on devices that it was built for")
+        report.warning("script-is-a-program", archive,
+                       f"{SCRIPT}: a program, which runs only on devices that it was built for")
     elif not match:
-        report.error(archive, f"{SCRIPT}: does not begin with an interpreter line (#!/...)")
+        report.error("script-without-interpreter", archive,
+                     f"{SCRIPT}: does not begin with an interpreter line (#!/...)")
     elif b"\r" in line:
-        report.error(archive, f"{SCRIPT}: the interpreter line holds a carriage return")
+        report.error("script-interpreter-carriage-return", archive,
+                     f"{SCRIPT}: the interpreter line holds a carriage return")
     elif match.end() == KERNEL_READS:
-        report.error(archive, f"{SCRIPT}: the interpreter's name is longer than kernels read")
+        report.error("script-interpreter-too-long", archive,
+                     f"{SCRIPT}: the interpreter's name is longer than kernels read")
     else:
         check_interpreter(os.fsdecode(match[1]), match.end(), archive, report)
         if b"\r\n" in text:
-            report.warning(archive, f"{SCRIPT}: has lines that end with a carriage return (CR LF)")
+            report.warning("script-carriage-returns", archive,
+                           f"{SCRIPT}: has lines that end with a carriage return (CR LF)")
 
 
 def check_interpreter(name: str, end: int, archive: Path, report: Report) -> None:
     report.facts["interpreter"] = name
     if not name.startswith("/"):
-        report.error(archive, f"{SCRIPT}: the interpreter {name} has no absolute path")
+        report.error("script-interpreter-relative", archive,
+                     f"{SCRIPT}: the interpreter {name} has no absolute path")
     elif not os.path.exists(name):
-        report.warning(archive, f"{SCRIPT}: the interpreter {name} does not exist here; devices need it")
+        report.warning("script-interpreter-missing", archive,
+                       f"{SCRIPT}: the interpreter {name} does not exist here; devices need it")
     elif not (os.path.isfile(name) and os.access(name, os.X_OK)):
-        report.error(archive, f"{SCRIPT}: the interpreter {name} is no program")
+        report.error("script-interpreter-not-a-program", archive,
+                     f"{SCRIPT}: the interpreter {name} is no program")
     elif end >= OLD_KERNEL_READS:
-        report.warning(archive, f"{SCRIPT}: the interpreter's name is longer than kernels before 5.1 read")
+        report.warning("script-interpreter-long", archive,
+                       f"{SCRIPT}: the interpreter's name is longer than kernels before 5.1 read")

@@ -41,7 +41,7 @@ class Service:
         self._changed = threading.Condition()
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT, cwd=cwd, env=NO_ENVIRONMENT, text=True,
-                                        start_new_session=True)
+                                        errors="replace", start_new_session=True)
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
         try:
@@ -99,8 +99,8 @@ class TransferService(Service):
 
     PROGRAM = "/usr/sbin/transfer-service"
 
-    def __init__(self, base: Path, root: Path):
-        super().__init__([*enter(root), self.PROGRAM], base, "transfer-service: ready")
+    def __init__(self, base: Path, entering: Sequence[str]):
+        super().__init__([*entering, self.PROGRAM], base, "transfer-service: ready")
 
 
 class Shell:
@@ -109,8 +109,8 @@ class Shell:
     # A copy, because tests break the one that the daemon uses.
     TOOL = "/usr/lib/virtual-device/kbus-set-prop"
 
-    def __init__(self, base: Path, root: Path):
-        self._enter = enter(root)
+    def __init__(self, base: Path, entering: Sequence[str]):
+        self._enter = entering
         self._service = Service([*self._enter, "/usr/bin/vestrel"], base, "vestrel: ready")
         self._asked = 0
         self.stop = self._service.stop

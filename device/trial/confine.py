@@ -80,6 +80,7 @@ def enter_user_namespace() -> None:
 
 
 def main() -> None:
+    os.closerange(3, 1 << 16)
     root, command = os.path.realpath(os.fsencode(sys.argv[1])), sys.argv[2:]
     call("unshare", NEW_MOUNTS | NEW_PROCESSES)
     first = os.fork()

@@ -21,8 +21,8 @@ READ_ONLY, NO_SUID, NO_DEVICES, NO_PROGRAMS, BIND, RECURSIVE = 1, 2, 4, 8, 4096,
 DETACH = 2
 SIGNAL_WHEN_PARENT_ENDS = 1
 
-# Signals do not end the first process of a namespace, unless they come from outside.
-FIRST_PROCESS = ["/bin/sh", "-c", '"$@"; exit "$?"', "sh"]
+# Signals do not end the first process of a namespace, unless they come from outside. It says nothing itself.
+FIRST_PROCESS = ["/bin/sh", "-c", 'exec 3>&2 2>/dev/null; (exec "$@" 2>&3 3>&-); exit "$?"', "sh"]
 
 _libc = ctypes.CDLL(None, use_errno=True)
 

@@ -83,14 +83,15 @@ class Watch:
         now = time.monotonic()
         log = self._device.syslog.lines()[self._logged:]
         self._logged += len(log)
-        for line in (line for line in log if line.arrived <= now):
-            self._take_log(line)
+        # No output of run.sh comes before the line that announces it, whichever is received first.
+        while log and (log[0].arrived <= now or not self._last_stage):
+            self._take_log(log.pop(0))
         for descriptor in ready:
             if piece := os.read(descriptor, 1 << 16):
                 self._sources[descriptor].add(piece)
             else:
                 self._close(descriptor)
-        for line in (line for line in log if line.arrived > now):
+        for line in log:
             self._take_log(line)
         return bool(ready)
 
@@ -101,7 +102,8 @@ class Watch:
     def _take_log(self, line: LogLine) -> None:
         self._last_stage |= line.text.endswith(LAST_STAGE)
         level = LEVELS.get(line.priority & 7, str(line.priority))
-        self._show(level, f"{line.ident}[{line.pid}]: {line.text}")
+        process = f"[{line.pid}]" if line.pid else ""
+        self._show(level, f"{line.ident}{process}: {line.text}")
 
     def _take_stderr(self, line: str) -> None:
         self._wrote_stderr = True

@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-from device import alone, demo
+from device import demo
 from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT,
                           Case, defaulted, ended, own_lines, script)
 from device.https_server import Content, Drop, Redirect, Status
@@ -67,7 +67,7 @@ def test_code_of_a_long_line_is_logged(device: VirtualDevice) -> None:
     assert [line[-8:] for line in run.log_lines() if "zelo exception" in line] == [" code=02"]
 
 
-@pytest.mark.skipif(not alone.confined(), reason="no mounts are allowed here")
+@pytest.mark.usefixtures("confined_only")
 def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
     """With a page more each time: none for the signature, the archive, its decoded signature, run.sh."""
     script("echo > /run/installed")(device)

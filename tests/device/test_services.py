@@ -4,6 +4,8 @@ import os
 import signal
 from pathlib import Path
 
+import pytest
+
 from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, RETRIES, SEND_EVENT, SET_PROP, STAGES, TIMEOUT,
                           ended, going_down, own_lines, script)
 from device.gate import until
@@ -11,6 +13,7 @@ from device.https_server import Content, Stall
 from device.virtual_device import ARCHIVE, VirtualDevice
 
 
+@pytest.mark.usefixtures("confined_only")
 def test_daemon_opens_no_connection(device: VirtualDevice) -> None:
     """It installs from where there is no network."""
     run = device.start(prefix=["/usr/bin/unshare", "--net"])
@@ -18,6 +21,7 @@ def test_daemon_opens_no_connection(device: VirtualDevice) -> None:
     assert device.path(INSTALLED).exists()
 
 
+@pytest.mark.usefixtures("confined_only")
 def test_first_process_of_a_container(device: VirtualDevice) -> None:
     """Signals have no default action there: its exit status tells which one ended it."""
     script("kill -TERM $PPID")(device)

@@ -3,8 +3,8 @@
 import subprocess
 from pathlib import Path
 
-from device import alone
-from device.trial.confine import call
+from device import alone, namespaces
+from device.namespaces import call
 from device.trial.system import BUSYBOX
 from device.virtual_device import VirtualDevice
 
@@ -37,7 +37,7 @@ def add_devices(device: VirtualDevice) -> None:
     """Those of this machine that do no harm, with an owner and a mode that stay; /dev/null is there already."""
     for name in DEVICES:
         device.write(f"/dev/{name}", "")
-        alone.mount("-o", "bind,ro,nosuid,noexec", f"/dev/{name}", device.path(f"/dev/{name}"))
+        namespaces.mount("-o", "bind,ro,nosuid,noexec", f"/dev/{name}", device.path(f"/dev/{name}"))
     for name, target in LINKS.items():
         device.path(f"/dev/{name}").unlink(missing_ok=True)
         device.path(f"/dev/{name}").symlink_to(target)

@@ -7,7 +7,7 @@ import subprocess
 from collections.abc import Mapping
 from pathlib import Path
 
-from device import alone, rootfs
+from device import alone, namespaces, rootfs
 from device.rootfs import DIRECTORIES, FROM_HOST, LINKS, device_programs, inside, libraries
 from device.virtual_device import VirtualDevice
 
@@ -53,13 +53,13 @@ class System:
         """Limits what can be written from now on, where the device is in memory."""
         if alone.confined():
             used = shutil.disk_usage(self._storage).used
-            alone.mount("-o", f"remount,size={used + size}", self._storage)
+            namespaces.mount("-o", f"remount,size={used + size}", self._storage)
 
     def _mount_memory(self, path: Path) -> None:
         path.mkdir()
         if alone.confined():
             self._storage = path
-            alone.mount("-t", "tmpfs", "-o", "mode=755", "tmpfs", path)
+            namespaces.mount("-t", "tmpfs", "-o", "mode=755", "tmpfs", path)
 
     def _overlay(self, root: Path, lower: Path) -> bool:
         """Whether the root could be laid over the author's system."""
@@ -72,7 +72,7 @@ class System:
             os.setxattr(upper, "user.overlay.try", b"y")  # or directories could not be replaced later
             upper.chmod(lower.stat().st_mode)
             options = f"userxattr,lowerdir={lower},upperdir={upper},workdir={work}"
-            alone.mount("-t", "overlay", "-o", options, "overlay", root)
+            namespaces.mount("-t", "overlay", "-o", options, "overlay", root)
         except (OSError, subprocess.CalledProcessError):
             root.rmdir()
             return False

@@ -50,8 +50,8 @@ class Trial:
         why_not = trace.unavailable()
         self._traced = not why_not
         if why_not:
-            print(f"not traced ({why_not}): how run.sh ends, what it writes on standard output, which programs "
-                  "fail and what it leaves running cannot be told")
+            print(f"not traced ({why_not}): it cannot be told how run.sh ends, what it writes on standard output, "
+                  "which programs fail and what it leaves running")
 
     def attempt(self, name: str) -> Attempt:
         print(f"{name} attempt:", flush=True)
@@ -66,7 +66,7 @@ class Trial:
         show("running when it was stopped" if seen.stopped else "left running", seen.left)
         before, self._entries = self._entries, entries(self._device.root, self._entries)
         changes = differences(before, self._entries)
-        show(f"changes by the {name} attempt, the daemon's own files apart", changes or ["none"])
+        show(f"changes by the {name} attempt, without the daemon's own files", changes or ["none"])
         return replace(seen, changes=changes)
 
     def put_back_host(self) -> None:
@@ -127,7 +127,7 @@ def confined(unconfined: bool) -> bool:
 
 def main() -> int:
     arguments = parse_arguments(__doc__)
-    sys.stdout.reconfigure(errors="backslashreplace")
+    sys.stdout = open(1, "w", errors="backslashreplace", closefd=False)  # names and messages may not be text
     build = Path(os.environ.get("ZELO_BUILD_DIR", "build/release"))
     is_confined = confined(arguments.unconfined)
     small_system = not (arguments.bare or arguments.root)

@@ -1,9 +1,9 @@
 """Runs a command on a device that it cannot leave: /usr/bin/python3 -IS confine.py ROOT COMMAND [ARGUMENT]...
 
 ROOT becomes the root of all mounts, so nothing of this machine can be found; a /proc is added that shows only
-the command's own processes. They end with the command, and the command ends with this process. It is root in
-a user namespace below ours. That fixes the mounts that it finds: nobody there can write below /proc/sys, although
-the system takes root for the owner of what is there. Needs root, or to be started by `device.alone`.
+the command's own processes. They end with the command, and the command ends with this process. It is root
+in a user namespace below ours. That fixes the mounts that it finds: nobody there can write below /proc/sys,
+although the system takes root for the owner of what is there. Needs root, or to be started by `device.alone`.
 """
 
 import os
@@ -17,7 +17,8 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2]))
 from device.namespaces import call, die_with_parent, id_mapper  # noqa: E402
 
 # From <sched.h> and <sys/mount.h>.
-NEW_MOUNTS, NEW_NAMES, NEW_IPC, NEW_USERS, NEW_PROCESSES = 0x20000, 0x4000000, 0x8000000, 0x10000000, 0x20000000
+NEW_MOUNTS, NEW_NAMES, NEW_IPC = 0x20000, 0x4000000, 0x8000000
+NEW_USERS, NEW_PROCESSES = 0x10000000, 0x20000000
 READ_ONLY, NO_SUID, NO_DEVICES, NO_PROGRAMS, BIND, RECURSIVE = 1, 2, 4, 8, 4096, 16384
 DETACH = 2
 

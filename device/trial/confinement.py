@@ -4,7 +4,6 @@ import subprocess
 from pathlib import Path
 
 from device import alone, namespaces
-from device.namespaces import call
 from device.trial.system import BUSYBOX
 from device.virtual_device import VirtualDevice
 
@@ -24,7 +23,7 @@ def impossible() -> str:
 
 def leave_network() -> None:
     """From now on, this process and what it starts have a network with only themselves on it."""
-    call("unshare", NEW_NETWORK)
+    namespaces.call("unshare", NEW_NETWORK)
     subprocess.run([BUSYBOX, "ip", "link", "set", "lo", "up"], check=True)
 
 
@@ -34,7 +33,7 @@ def enter(root: Path) -> list[str]:
 
 
 def add_devices(device: VirtualDevice) -> None:
-    """Those of this machine that do no harm, with an owner and a mode that stay; /dev/null is there already."""
+    """Harmless ones of this machine, with an owner and a mode that stay; /dev/null is there already."""
     for name in DEVICES:
         device.write(f"/dev/{name}", "")
         namespaces.mount("-o", "bind,ro,nosuid,noexec", f"/dev/{name}", device.path(f"/dev/{name}"))

@@ -1,5 +1,6 @@
 """Puts the author's bundle where the device downloads it."""
 
+import os
 import subprocess
 import sys
 import textwrap
@@ -30,8 +31,8 @@ def publish(device: VirtualDevice, arguments: Namespace) -> None:
     device.write(KEY, arguments.key.read_bytes())
     bundle = Bundle(archive, document)
     check = [CHECKER, *arguments.bundle, arguments.key]
-    findings = subprocess.run(check, stdout=subprocess.PIPE, text=True, errors="backslashreplace", check=False)
-    print("check-bundle:\n" + textwrap.indent(findings.stdout, "  "), end="")
+    checked = subprocess.run(check, stdout=subprocess.PIPE, check=False).stdout
+    print("check-bundle:\n" + textwrap.indent(os.fsdecode(checked), "  "), end="")
     # What devices refuse stays as it is, so that this one does too.
     if not refused(arguments.bundle[0]):
         bundle = bundle.with_url(device.url(ARCHIVE))

@@ -49,7 +49,7 @@ class Process:
 
 @dataclass
 class Trace:
-    """Takes strace's lines one by one. A process may do things, and end, before the call that made it returns."""
+    """Takes strace's lines one by one. A process may act, and end, before the call that made it returns."""
 
     script: int = 0  # the process of run.sh, once there is one
     script_end: str = ""  # "status 1", or the name of a signal

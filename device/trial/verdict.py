@@ -29,7 +29,8 @@ class Attempt:
             return self.stopped
         if self.code:
             return f"code {self.code}"
-        return f"the daemon ended with {'signal' if (self.status or 0) < 0 else 'status'} {abs(self.status or 0)}"
+        status = self.status or 0
+        return f"the daemon ended with {'signal' if status < 0 else 'status'} {abs(status)}"
 
 
 @dataclass(frozen=True)

@@ -14,6 +14,7 @@ from device.trial.verdict import Attempt
 from device.virtual_device import VirtualDevice
 
 LEVELS = {3: "err", 4: "warning", 5: "notice"}
+STAGE = re.compile(":main:[A-Z][a-z]+ing ")
 LAST_STAGE = ":main:Running installer"
 SCRIPT_FAILED = "03"
 SIGNALLED = 128
@@ -79,19 +80,20 @@ class Watch:
 
     def _take(self) -> bool:
         """Shows what is new; False when nothing has come from the processes."""
-        ready = select.select(list(self._sources), [], [], INTERVAL)[0]
-        now = time.monotonic()
+        select.select(list(self._sources), [], [], INTERVAL)
         log = self._device.syslog.lines()[self._logged:]
         self._logged += len(log)
-        # No output of run.sh comes before the line that announces it, whichever is received first.
-        while log and (log[0].arrived <= now or not self._last_stage):
-            self._take_log(log.pop(0))
+        # A stage is announced before anything is written in it, and what follows is logged after that.
+        announced = max((number for number, line in enumerate(log, 1) if STAGE.search(line.text)), default=0)
+        for line in log[:announced]:
+            self._take_log(line)
+        ready = select.select(list(self._sources), [], [], 0)[0]
         for descriptor in ready:
             if piece := os.read(descriptor, 1 << 16):
                 self._sources[descriptor].add(piece)
             else:
                 self._close(descriptor)
-        for line in log:
+        for line in log[announced:]:
             self._take_log(line)
         return bool(ready)
 
@@ -136,7 +138,8 @@ class Watch:
         status = None if stopped else run.status
         if status is not None and status > SIGNALLED:
             status = SIGNALLED - status
-        reached = bool(self.trace.script) if self._traced else code == SCRIPT_FAILED or (status == 0 and not code)
+        succeeded = status == 0 and not code
+        reached = bool(self.trace.script) if self._traced else succeeded or code == SCRIPT_FAILED
         return Attempt(status, code, stopped, reached, self.trace.script_end, self._wrote_stderr,
                        tuple(self.trace.not_found), running if stopped else tuple(self.trace.left),
                        self.trace.restarts)

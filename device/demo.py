@@ -34,7 +34,7 @@ def failing_once(device: VirtualDevice) -> None:
 def start_and_undefer(device: VirtualDevice) -> list[Run]:
     run = device.start()
     run.wait_for_line("continue monitoring progress")
-    device.defer_transfers(None)
+    device.defer_transfers(0)
     run.wait()
     return [run]
 

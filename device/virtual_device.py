@@ -24,7 +24,7 @@ from device.https_server import AUTHORITY, HOST, Content, Server, authority
 from device.keys import Keys
 from device.rootfs import DAEMON, fill, make_null_device
 from device.run import Run
-from device.services import Shell, TransferService, enter, start_bus
+from device.services import TRANSFER_SERVICE, Shell, TransferService, enter, set_property, start_bus
 from device.syslog_receiver import SyslogReceiver
 
 ARCHIVE = "/zelo_installer.tar.gz"
@@ -144,25 +144,23 @@ class VirtualDevice:
         """Covers a directory with an empty file system of so many bytes; only where `alone.confined`."""
         namespaces.mount("-t", "tmpfs", "-o", f"size={size},mode=1777", "tmpfs", self.path(path))
 
-    def defer_transfers(self, code: int | None) -> None:
-        """Has the transfer service put off all transfers with a deferred code, until it gets None."""
-        file = self.path("/run/transfer/deferred")
-        if code is None:
-            file.unlink()
-        else:
-            file.write_text(f"{code}\n")
+    def defer_transfers(self, code: int) -> None:
+        """Makes the transfer service put off all transfers with a deferred code; 0 lets them go on."""
+        if not set_property(self.root, TRANSFER_SERVICE, "deferred", f"int32:{code}"):
+            raise RuntimeError("the transfer service cannot be told")
 
     def start(self, *, prefix: Sequence[str] = (), env: Mapping[str, str] | None = None,
               **popen: Any) -> Run:
         """Starts the daemon, with an empty environment unless told otherwise.
 
-        `prefix` starts it from outside the root, e.g. setarch. Further arguments go to `subprocess.Popen`,
-        e.g. `preexec_fn`.
+        It leads a session, so that a script that signals its process group reaches nothing else. `prefix`
+        starts it from outside the root, e.g. setarch. Further arguments go to `subprocess.Popen`.
         """
         output = self._base / f"output.{next(self._numbers)}"
         command = [*prefix, *enter(self.root), *self._launcher, DAEMON]
         with open(output, "wb") as sink:
-            popen = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink, **popen}
+            popen = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink,
+                     "start_new_session": True, **popen}
             process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **popen)
         run = Run(process, output, self.syslog)
         self._runs.callback(run.stop)

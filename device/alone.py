@@ -18,7 +18,7 @@ from pathlib import Path
 
 from device import namespaces
 
-IN_MEMORY = Path("/dev/shm")  # on every machine, and short: the path of a socket holds 108 bytes
+SHARED_MEMORY = "/dev/shm"  # on every machine, and short: the path of a socket holds 108 bytes
 VARIABLE = "ZELO_ALONE"  # says where the directory is
 PASSED_ON = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT}
 FROM_TERMINAL = 128  # SI_KERNEL of <signal.h>
@@ -34,13 +34,13 @@ def place() -> Path:
 
 def confined() -> bool:
     """Whether there are namespaces: mounts are allowed, and nobody else sees them."""
-    return place() == IN_MEMORY
+    return place().is_mount()
 
 
 @contextmanager
 def directory() -> Iterator[Path]:
     """A new directory for as long as the context, with all that is put or mounted there."""
-    path = Path(tempfile.mkdtemp(prefix="", dir=place()))
+    path = Path(tempfile.mkdtemp(dir=place()))
     if confined():
         namespaces.mount("-t", "tmpfs", "tmpfs", path)
     try:
@@ -54,10 +54,13 @@ def directory() -> Iterator[Path]:
 def enter() -> None:
     """Returns in a new process, which is alone. The one that calls this ends as the new one does."""
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {*PASSED_ON, signal.SIGCHLD})
-    first = namespaces.enter(IN_MEMORY)
+    # What runs alone may start others like that, which see its files.
+    memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
+    first = namespaces.enter(memory)
     if not first:
         namespaces.adopt_orphans()
-    os.environ[VARIABLE] = str(IN_MEMORY) if first else tempfile.mkdtemp(prefix="zdev.", dir="/tmp")
+        memory = tempfile.mkdtemp(prefix="zdev.", dir="/tmp")
+    os.environ[VARIABLE] = os.environ["TMPDIR"] = memory
     command = os.fork()
     if command == 0:
         if not first:

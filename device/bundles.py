@@ -9,11 +9,11 @@ from dataclasses import dataclass, replace
 from pathlib import Path
 from tempfile import TemporaryDirectory
 
-from device import alone
-
 TOOL = Path(__file__).resolve().parent.parent / "tools" / "make-bundle"
 
-SUCCEEDING_SCRIPT = "#!/bin/sh\necho installed > /tmp/installed\n"
+INSTALLED = "/tmp/installed"
+RECORD = f"echo installed >>{INSTALLED}"  # for each run of a script of ours
+SUCCEEDING_SCRIPT = f"#!/bin/sh\n{RECORD}\n"
 
 
 @dataclass(frozen=True)
@@ -34,7 +34,7 @@ class Bundle:
 
 def pack(source: Path, key: Path, url: str) -> Bundle:
     """A bundle of a directory's files, signed with the private `key`."""
-    with TemporaryDirectory(dir=alone.place()) as output:
+    with TemporaryDirectory() as output:
         command: list[str | Path] = [TOOL, "--key", key, "--url", url, "--output", output, "--", source]
         done = subprocess.run(command, check=False, stdout=subprocess.DEVNULL)
         if done.returncode != 0:
@@ -46,7 +46,7 @@ def pack(source: Path, key: Path, url: str) -> Bundle:
 def make_bundle(key: Path, url: str, script: str = SUCCEEDING_SCRIPT,
                 files: Mapping[str, bytes] | None = None) -> Bundle:
     """A bundle with `script` as its run.sh and further files."""
-    with TemporaryDirectory(dir=alone.place()) as source:
+    with TemporaryDirectory() as source:
         for path, content in {"run.sh": script.encode(), **(files or {})}.items():
             file = Path(source, path)
             file.parent.mkdir(parents=True, exist_ok=True)

@@ -14,7 +14,7 @@ _SIGNAL_WHEN_PARENT_ENDS, _ADOPT_ORPHANS = 1, 36
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
-def enter(memory: Path) -> int | None:
+def enter(memory: str) -> int | None:
     """Moves this process, and all that it starts from now on, into new namespaces, where the directory
     `memory` is empty and nobody else's. Root keeps all user ids; anybody else is root in there.
 
@@ -49,7 +49,7 @@ def mount(*arguments: str | Path) -> None:
     subprocess.run(["/usr/bin/mount", *arguments], check=True)
 
 
-def _enter(namespaces: int, memory: Path) -> int:
+def _enter(namespaces: int, memory: str) -> int:
     map_ids = id_mapper() if namespaces & _USERS else lambda: True
     call("unshare", namespaces)
     if not map_ids():
@@ -80,7 +80,7 @@ def _enter(namespaces: int, memory: Path) -> int:
     return first
 
 
-def _mount_own(memory: Path) -> None:
+def _mount_own(memory: str) -> None:
     with open(os.devnull, "wb") as nowhere:
         os.dup2(nowhere.fileno(), 2)  # what is refused is not worth a message
     mount("--make-rprivate", "/")

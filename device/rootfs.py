@@ -11,7 +11,7 @@ from pathlib import Path
 
 from device import alone, namespaces
 from device.architecture import architecture, native_build
-from device.services import Shell, TransferService
+from device.services import TransferService
 
 FROM_HOST = ("/bin/sh", "/bin/tar", "/bin/gzip", "/bin/base64", "/bin/mv", "/usr/bin/openssl",
              "/usr/bin/curl", "/usr/bin/dbus-send", "/usr/bin/timeout")
@@ -24,7 +24,6 @@ STANDIN = Path(__file__).resolve().parents[1] / "standin"
 SCRIPTS = {
     "/usr/bin/kbus-set-prop": STANDIN / "kbus-set-prop",
     "/usr/bin/kbus-send-event": STANDIN / "kbus-send-event",
-    Shell.TOOL: STANDIN / "kbus-set-prop",
 }
 LONGEST_WAY = 1000  # names of a path, or it is a loop of links
 DIRECTORIES = ("dev", "etc/zelo", "etc/ssl/certs", "proc", "run", "tmp", "usr/bin", "usr/lib", "usr/lib64",

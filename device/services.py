@@ -10,6 +10,7 @@ from device import PATIENCE
 
 NO_ENVIRONMENT: dict[str, str] = {}
 BUS_SOCKET = "run/kbus.sock"
+TRANSFER_SERVICE, SHELL = "com.qorvex.transfer", "com.qorvex.vestrel"
 BUS_CONFIG = """\
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
@@ -94,6 +95,14 @@ def start_bus(base: Path, root: Path) -> Service:
     return Service(command, base, "unix:path=.*")
 
 
+def set_property(root: Path, service: str, name: str, value: str) -> bool:
+    """Whether a service has taken the value. By nothing of the device, because that may be broken."""
+    command = ["/usr/bin/dbus-send", f"--bus=unix:path={root / BUS_SOCKET}", "--print-reply",
+               f"--dest={service}", f"/{service.replace('.', '/')}", "org.freedesktop.DBus.Properties.Set",
+               f"string:{service}", f"string:{name}", f"variant:{value}"]
+    return subprocess.run(command, env=NO_ENVIRONMENT, capture_output=True, check=False).returncode == 0
+
+
 class TransferService(Service):
     """The transfer service, inside the root: it downloads for the daemon."""
 
@@ -106,12 +115,9 @@ class TransferService(Service):
 class Shell:
     """The UI shell, inside the root."""
 
-    # A copy, because tests break the one that the daemon uses.
-    TOOL = "/usr/lib/virtual-device/kbus-set-prop"
-
-    def __init__(self, base: Path, entering: Sequence[str]):
-        self._enter = entering
-        self._service = Service([*self._enter, "/usr/bin/vestrel"], base, "vestrel: ready")
+    def __init__(self, base: Path, root: Path, entering: Sequence[str]):
+        self._root = root
+        self._service = Service([*entering, "/usr/bin/vestrel"], base, "vestrel: ready")
         self._asked = 0
         self.stop = self._service.stop
 
@@ -119,8 +125,7 @@ class Shell:
         """What the shell has shown for everything that was sent to it until now."""
         # The bus keeps the order, so the answer to this comes after everything that was sent before.
         self._asked += 1
-        barrier = [*self._enter, self.TOOL, "com.qorvex.vestrel", "load", f"barrier-{self._asked}"]
-        if subprocess.run(barrier, env=NO_ENVIRONMENT, capture_output=True, check=False).returncode == 0:
+        if set_property(self._root, SHELL, "load", f"string:barrier-{self._asked}"):
             self._service.wait_for(f"vestrel: load = barrier-{self._asked}")
         own = re.compile(r"vestrel: (ready|load = barrier-\d+)")
         return [line for line in self._service.lines() if not own.fullmatch(line)]

@@ -24,13 +24,14 @@ from device.https_server import AUTHORITY, HOST, Content, Server, authority
 from device.keys import Keys
 from device.rootfs import DAEMON, fill, inside, make_null_device
 from device.run import Run
-from device.services import Shell, TransferService, enter, start_bus
+from device.services import TRANSFER_SERVICE, Shell, TransferService, enter, set_property, start_bus
 from device.syslog_receiver import SyslogReceiver
 
 ARCHIVE = "/zelo_installer.tar.gz"
 DOCUMENT = "/zelo_installer_meta.json"
 DEVICE_INFO = "[device]\nsoftware_version=123456789012\nsoftware_package_name=base image/1\n"
 AUTHORITIES = "/etc/ssl/certs/ca-certificates.crt"
+PID_FILE = "/var/run/zeloinstall.pid"
 MARKER = "/PRE_GM_DEBUGGING_FEATURES_ENABLED__REMOVE_AT_GMC"
 
 
@@ -71,7 +72,7 @@ class VirtualDevice:
             stack.callback(self.bus.stop)
             self.transfers = TransferService(self._base, self.entering)
             stack.callback(lambda: self.transfers.stop())
-            self.shell = Shell(self._base, self.entering)
+            self.shell = Shell(self._base, self.root, self.entering)
             stack.callback(self.shell.stop)
             self.set_pref("url.zelo.installer.metadata", f"{self.url(DOCUMENT)}?version=%s&package=%s")
             self._runs = stack.enter_context(ExitStack())
@@ -135,12 +136,16 @@ class VirtualDevice:
     def lock_holder(self) -> int | None:
         """The process that holds the lock of the daemon's single instance."""
         try:
-            with open(self.path("/var/run/zeloinstall.pid"), "rb+") as file:
+            with open(self.path(PID_FILE), "rb+") as file:
                 wanted = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
                 kind, _, _, _, pid = struct.unpack("hhqqi", fcntl.fcntl(file, fcntl.F_GETLK, wanted))
         except FileNotFoundError:
             return None
         return None if kind == fcntl.F_UNLCK else pid
+
+    def lock_was_released(self) -> bool:
+        """Whether its last holder has given it back, which empties the file, or has just ended."""
+        return self.path(PID_FILE).read_bytes() == b""
 
     def restart_transfers(self) -> None:
         self.transfers.stop()
@@ -150,25 +155,23 @@ class VirtualDevice:
         """Covers a directory with an empty file system of so many bytes; only where `alone.confined`."""
         namespaces.mount("-t", "tmpfs", "-o", f"size={size},mode=1777", "tmpfs", self.path(path))
 
-    def defer_transfers(self, code: int | None) -> None:
-        """Has the transfer service put off all transfers with a deferred code, until it gets None."""
-        file = self.path("/run/transfer/deferred")
-        if code is None:
-            file.unlink()
-        else:
-            file.write_text(f"{code}\n")
+    def defer_transfers(self, code: int) -> None:
+        """Makes the transfer service put off all transfers with a deferred code; 0 lets them go on."""
+        if not set_property(self.root, TRANSFER_SERVICE, "deferred", f"int32:{code}"):
+            raise RuntimeError("the transfer service cannot be told")
 
     def start(self, *, prefix: Sequence[str] = (), env: Mapping[str, str] | None = None,
               **popen: Any) -> Run:
         """Starts the daemon, with an empty environment unless told otherwise.
 
-        `prefix` starts it from outside the root, e.g. setarch. Further arguments go to `subprocess.Popen`,
-        e.g. `preexec_fn`.
+        It leads a session, so that a script that signals its process group reaches nothing else. `prefix`
+        starts it from outside the root, e.g. setarch. Further arguments go to `subprocess.Popen`.
         """
         output = self._base / f"output.{next(self._numbers)}"
         command = [*prefix, *self.entering, *self._launcher, DAEMON]
         with open(output, "wb") as sink:
-            popen = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink, **popen}
+            popen = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink,
+                     "start_new_session": True, **popen}
             process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **popen)
         run = Run(process, output, self.syslog)
         self._runs.callback(run.stop)

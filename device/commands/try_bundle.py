@@ -21,7 +21,7 @@ from device.https_server import HOST
 from device.keys import Keys
 from device.trial import confinement, trace
 from device.trial.changes import differences, entries, entry
-from device.trial.lines import printable
+from device.trial.lines import printable, shortened
 from device.trial.options import parse_arguments
 from device.trial.publishing import publish
 from device.trial.system import BUSYBOX, System, furnish
@@ -61,8 +61,8 @@ class Trial:
         show("shown to the user", watch.shown())
         if seen.script_end:
             print(f"run.sh ended: {seen.script_end}")
-        show("programs of run.sh that failed, which may be meant", watch.trace.failed)
-        show("programs not found", dict.fromkeys(seen.not_found))
+        show("programs of run.sh that failed, which may be meant", shortened(watch.trace.failed))
+        show("programs not found", seen.not_found)
         show("running when it was stopped" if seen.stopped else "left running", seen.left)
         before, self._entries = self._entries, entries(self._device.root, self._entries)
         changes = differences(before, self._entries)

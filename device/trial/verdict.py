@@ -56,7 +56,7 @@ def _remarks(attempt: Attempt) -> Iterator[str]:
     if attempt.script_end and not attempt.script_end.startswith("status"):
         yield f"run.sh was ended by {attempt.script_end}, which counts as success"
     if attempt.not_found:
-        yield f"not found: {', '.join(dict.fromkeys(attempt.not_found))}"
+        yield f"not found: {', '.join(attempt.not_found)}"
     if attempt.stderr:
         yield "something was written on standard error"
     if attempt.left:

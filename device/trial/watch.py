@@ -8,7 +8,7 @@ import time
 from device.command_line import Interrupted
 from device.run import Run
 from device.syslog_receiver import LogLine
-from device.trial.lines import Lines, printable
+from device.trial.lines import Lines, printable, shortened
 from device.trial.trace import STRACE, Trace
 from device.trial.verdict import Attempt
 from device.virtual_device import VirtualDevice
@@ -51,7 +51,7 @@ class Watch:
                     break
         except Interrupted as interruption:
             self.interrupted, stopped = interruption, str(interruption)
-        running = tuple(self.trace.running().values())
+        running = list(self.trace.running().values())
         run.stop()
         last = time.monotonic() + 1  # what cannot be confined may go on writing
         while self._take() and time.monotonic() < last:
@@ -124,15 +124,15 @@ class Watch:
             why = "run.sh still runs, or something that it started holds its standard output"
         elif self.trace.script in running:
             del running[self.trace.script]
-            why = f"run.sh still runs: {', '.join(running.values()) or 'the shell itself'}"
+            why = f"run.sh still runs: {', '.join(shortened(running.values())) or 'no other program'}"
         else:
-            holders = [command for pid, command in running.items() if holds(pid, self.trace.output)]
+            holders = shortened(command for pid, command in running.items() if holds(pid, self.trace.output))
             why = f"run.sh has ended, but its standard output is held by: {', '.join(holders)}"
         if why != self._explained:
             self._show("waiting", why)
             self._explained = why
 
-    def _attempt(self, run: Run, stopped: str, running: tuple[str, ...]) -> Attempt:
+    def _attempt(self, run: Run, stopped: str, running: list[str]) -> Attempt:
         codes = re.findall(r"showError (\d\d)", "\n".join(self.shown()))
         code = codes[-1] if codes else ""
         status = None if stopped else run.status
@@ -141,7 +141,7 @@ class Watch:
         succeeded = status == 0 and not code
         reached = bool(self.trace.script) if self._traced else succeeded or code == SCRIPT_FAILED
         return Attempt(status, code, stopped, reached, self.trace.script_end, self._wrote_stderr,
-                       tuple(self.trace.not_found), running if stopped else tuple(self.trace.left),
+                       shortened(self.trace.not_found), shortened(running if stopped else self.trace.left),
                        self.trace.restarts)
 
 

@@ -10,7 +10,8 @@ import pytest
 from device import alone
 from device.gate import until
 
-ALONE = [sys.executable, "-m", "device.alone"]
+# Without the variable, as where nothing else runs alone.
+ALONE = ["/usr/bin/env", f"--unset={alone.VARIABLE}", sys.executable, "-m", "device.alone"]
 LEAVING = "trap 'echo ended; exit 4' TERM; sleep 31415 & touch $ZELO_ALONE/file; echo ready; wait"
 
 

@@ -99,6 +99,7 @@ def fill(root: Path, build: Path, files: Mapping[str, Path]) -> None:
 def make_null_device(path: Path) -> None:
     """A /dev/null; a plain file does where the real one cannot be made or used."""
     if alone.confined():  # where nobody may make one; this machine's keeps its owner and mode
+        path.unlink(missing_ok=True)
         path.touch()
         namespaces.mount("-o", "bind,ro,nosuid,noexec", "/dev/null", path)
         return

@@ -24,7 +24,7 @@ from device.trial.changes import differences, entries, entry
 from device.trial.lines import printable, shortened
 from device.trial.options import parse_arguments
 from device.trial.publishing import publish
-from device.trial.system import BUSYBOX, System, furnish
+from device.trial.system import BUSYBOX, System, furnish, one_user
 from device.trial.verdict import Attempt, judge
 from device.trial.watch import Watch
 from device.virtual_device import VirtualDevice
@@ -138,6 +138,8 @@ def main() -> int:
     device = VirtualDevice(build, files, confinement.enter if is_confined else services.enter, system.fill)
     device.keys = Keys(alone.place() / "keys")  # the build may be somebody else's
     with device:
+        if one_user():
+            print("the device has no user but root, because you are not root: chown to others fails there")
         show("put on the device, which lacks them", system.added)
         if small_system:
             furnish(device)

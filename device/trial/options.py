@@ -51,10 +51,11 @@ def size(text: str) -> int:
     return int(match[1]) * UNITS[match[2]]
 
 
-def folder(text: str) -> Path:
-    if not Path(text).is_dir():
-        raise argparse.ArgumentTypeError(f"{text} is not a folder")
-    return Path(text).resolve()
+def system(text: str) -> Path:
+    path = Path(text).resolve()
+    if not path.is_dir() or path == Path("/"):
+        raise argparse.ArgumentTypeError(f"{text} is not a folder with a root file system of its own")
+    return path
 
 
 def parse_arguments(description: str | None) -> argparse.Namespace:
@@ -67,7 +68,7 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
     parser.add_argument("--key", type=Path, metavar="PUBLIC",
                         help="install this public key on the device, for DOCUMENT's signature (default: the "
                         "bundle is signed with a new key)")
-    parser.add_argument("--root", type=folder, metavar="DIR",
+    parser.add_argument("--root", type=system, metavar="DIR",
                         help="use this root file system as the device; DIR stays as it is. What the daemon needs is "
                         "added; hosts, nsswitch.conf, device-info, certificates, settings and keys are replaced")
     parser.add_argument("--bare", action="store_true",

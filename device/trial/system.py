@@ -9,6 +9,7 @@ from pathlib import Path
 
 from device import alone, namespaces, rootfs
 from device.rootfs import DIRECTORIES, FROM_HOST, LINKS, device_programs, inside, libraries
+from device.services import BUS_SOCKET
 from device.virtual_device import VirtualDevice
 
 # To another system, programs bring their own libraries and loader.
@@ -36,9 +37,14 @@ class System:
             self._mount_memory(root)
             rootfs.fill(root, build, files)
             return
-        if not alone.confined() or not self._overlay(root, self._own):
+        if one_user() and self._own.stat().st_uid != 0:  # what belongs to others could not be changed there
             self._mount_memory(root)
-            subprocess.run(["cp", "-a", f"{self._own}/.", root], check=True)
+            copy_tree(self._own, root, "--no-preserve=ownership")
+        elif not alone.confined() or not self._overlay(root, self._own):
+            self._mount_memory(root)
+            copy_tree(self._own, root)
+        for socket in "/dev/log", f"/{BUS_SOCKET}":
+            inside(root, socket).unlink(missing_ok=True)
         for link, target in LINKS.items():
             if not os.path.lexists(root / link):
                 (root / link).symlink_to(target)
@@ -74,11 +80,16 @@ class System:
             os.setxattr(upper, "user.overlay.try", b"y")  # or directories could not be replaced later
             upper.chmod(lower.stat().st_mode)
             options = f"userxattr,lowerdir={lower},upperdir={upper},workdir={work}"
-            namespaces.mount("-t", "overlay", "-o", options, "overlay", root)
-        except (OSError, subprocess.CalledProcessError):
+            namespaces.call("mount", b"overlay", bytes(root), b"overlay", 0, options.encode())
+        except OSError:
             root.rmdir()
             return False
         return True
+
+
+def one_user() -> bool:
+    """Whether everything on the device can only belong to root, as it is for an ordinary user."""
+    return Path("/proc/self/uid_map").read_text().split()[2] == "1"
 
 
 def furnish(device: VirtualDevice) -> None:
@@ -91,6 +102,13 @@ def furnish(device: VirtualDevice) -> None:
         link.parent.mkdir(parents=True, exist_ok=True)
         if not os.path.lexists(link):
             link.symlink_to(BUSYBOX)
+
+
+def copy_tree(source: Path, target: Path, *options: str) -> None:
+    """But nothing that a system mounts; cp says what else could not be copied, and goes on."""
+    mounted = [word for name in ("dev", "proc", "sys") for word in ("!", "-name", name)]
+    subprocess.run(["find", source, "-mindepth", "1", "-maxdepth", "1", *mounted,
+                    "-exec", "cp", "-ax", *options, "-t", target, "{}", "+"], check=False)
 
 
 def make_directory(root: Path, path: str) -> None:

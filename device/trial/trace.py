@@ -10,7 +10,7 @@ from device.rootfs import DAEMON
 
 CALLS = "execve,execveat,clone,?clone3,?fork,?vfork,write,writev,sendfile,?dup2,dup3,reboot"
 STRACE = ["/usr/bin/strace", "-f", "-q", "-y", "--decode-pids=pidns", "--seccomp-bpf",
-          "--string-limit=500", f"--trace={CALLS}"]
+          "--string-limit=4096", f"--trace={CALLS}"]
 SCRIPT = re.compile(r"/tmp/zeloinstall\.[^/]+/run\.sh")
 
 LINE = re.compile(r"(\d+) +(.*)")
@@ -18,6 +18,7 @@ UNFINISHED = " <unfinished ...>"
 RESUMED = re.compile(r"<\.\.\. \w+ resumed>(.*)")
 CALL = re.compile(r"(\w+)\((.*)\) += (-?\d+)(.*)")
 END = re.compile(r"\+\+\+ (?:exited with (\d+)|killed by (\w+).*) \+\+\+")
+SHORT = 50  # characters, in which the name of a pipe has room
 TEXT = re.compile(r'"((?:\\.|[^"\\])*)"')
 CHILD = re.compile(r" /\* (\d+) in strace's PID NS \*/")
 PIPE = re.compile(r"\d+<(pipe:\[\d+\])>")
@@ -66,9 +67,11 @@ class Trace:
         if not (match := LINE.match(line)):
             return b""
         pid, event = int(match[1]), match[2]
+        if event.startswith(("write", "sendfile")) and not (self.output and self.output in event[:SHORT]):
+            return b""  # most of them, and some are long
         process = self._processes.setdefault(pid, Process())
         if resumed := RESUMED.match(event):
-            event = process.begun + resumed[1]
+            event, process.begun = process.begun + resumed[1], ""
         if event.endswith(UNFINISHED):
             process.begun = event.removesuffix(UNFINISHED)
         elif end := END.fullmatch(event):

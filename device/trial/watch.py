@@ -15,6 +15,7 @@ from device.virtual_device import VirtualDevice
 
 LEVELS = {3: "err", 4: "warning", 5: "notice"}
 STAGE = re.compile(":main:[A-Z][a-z]+ing ")
+NOT_FOUND = re.compile(r": ([^: ]+): (?:command )?not found$")
 LAST_STAGE = ":main:Running installer"
 SCRIPT_FAILED = "03"
 SIGNALLED = 128
@@ -109,6 +110,8 @@ class Watch:
 
     def _take_stderr(self, line: str) -> None:
         self._wrote_stderr = True
+        if missing := NOT_FOUND.search(line):  # which a shell finds out without trying
+            self.trace.not_found.append(missing[1])
         self._show("stderr", line)
 
     def _show(self, kind: str, text: str) -> None:

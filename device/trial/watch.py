@@ -56,10 +56,11 @@ class Watch:
         except Interrupted as interruption:
             self.interrupted, stopped = interruption, str(interruption)
         running = self.trace.running()
-        for pid in running:  # as the service unit does it
+        status = None if stopped else self._status(run)
+        run.stop()
+        for pid in running:  # the service unit does it, too
             with suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)
-        run.stop()
         last = time.monotonic() + 1  # what cannot be confined may go on writing
         while self._take() and time.monotonic() < last:
             pass
@@ -67,7 +68,7 @@ class Watch:
             self._close(descriptor)
         self._output.end()
         left = running.values() if stopped else self.trace.left
-        return self._attempt(None if stopped else self._status(run), stopped, shortened(left))
+        return self._attempt(status, stopped, shortened(left))
 
     def shown(self) -> list[str]:
         """By the UI shell."""

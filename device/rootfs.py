@@ -32,7 +32,7 @@ LINKS = {"bin": "usr/bin", "sbin": "usr/sbin", "lib": "usr/lib", "lib64": "usr/l
 
 @functools.cache
 def libraries(program: Path) -> dict[str, Path]:
-    """The shared libraries of a program: where each lies on a device, and here."""
+    """The shared libraries of a program: where each is on a device, and here."""
     kind = architecture(program)
     listing = subprocess.run([*kind.ldd, program], capture_output=True, text=True, check=False).stdout
     if missing := re.findall(r"^\s*(\S+) => not found", listing, re.MULTILINE):

@@ -25,7 +25,7 @@ def wait_for(condition: Callable[[], bool]) -> None:
     end = time.monotonic() + PATIENCE
     while not condition():
         if time.monotonic() > end:
-            raise TimeoutError(f"waited {PATIENCE} s in vain")
+            raise TimeoutError(f"timed out after {PATIENCE} s")
         time.sleep(0.05)
 
 

@@ -30,7 +30,7 @@ def run(name: str, command: Callable[[], int]) -> int:
         status = command()
         print(end="", flush=True)  # which also knows a closed standard output
         return status
-    except BrokenPipeError:  # whoever reads has seen enough
+    except BrokenPipeError:  # the reader has seen enough
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 1
     except Interrupted as end:

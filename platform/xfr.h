@@ -6,8 +6,12 @@
 
 #include "platform/kbus.h"
 
-/// The client library of the device's transfer service. The order of the virtual operations is part
-/// of the interface: the library and its users call each other through it.
+/// The client library of the device's transfer service.
+///
+/// The order of the virtual operations is part of the interface: the library and its users call each other
+/// through it. So is the size of `TransferServiceImpl` and `TransferRequestDescImpl`: their users allocate
+/// them, and a library whose own have more members writes beyond their end. A device whose library differs is
+/// built with the maker's header in place of this one (ZELO_PLATFORM_HEADERS).
 namespace xfr {
 
 /// Values of `TransferStatus::getState`; every other value is an intermediate report.

@@ -6,8 +6,7 @@ namespace zelo {
 
 class ZeloInstaller;
 
-/// A bundle on disk: the archive and its signature. Neither file is ever removed. What verifies is defined
-/// in bundle_signature.cpp.
+/// A bundle on disk: the archive and its signature. Neither file is ever removed.
 class ZeloInstallerBundle {
  public:
   /// From absolute paths; neither file is examined.

@@ -48,9 +48,9 @@ void TransferWrapper::download(int timeoutSeconds) {
 
   {
     const Wait wait(Wait::event);
-    waitForEnd(deadline);
-    getTransferService()->finishTransfer(getTransfer(), 0);
+    waitForFinalReport(deadline);
   }
+  getTransferService()->finishTransfer(getTransfer(), 0);
 
   const MutexLock lock(mutex);
   if (!completed) throw std::runtime_error("download failed");
@@ -77,7 +77,7 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
     case xfr::transferFailed: {
       logWarning("W TransferWrapper:onProgress:transferFailed:error_code=%d", transferStatus->getErrorCode());
       const MutexLock lock(mutex);
-      signalEnd();
+      signalFinalReport();
       return;
     }
     case xfr::transferDeferred: {
@@ -90,15 +90,16 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
         return;
       }
       const MutexLock lock(mutex);
-      signalEnd();
+      signalFinalReport();
       return;
     }
     case xfr::downloadCompleted: {
       logInfo("I TransferWrapper:onProgress:status=downloadCompleted:");
+      // Asked again: the library may change its status while this is called, and the last word counts.
       const bool isCompleted = transferStatus->getState() == xfr::downloadCompleted;
       const MutexLock lock(mutex);
       completed = isCompleted;
-      signalEnd();
+      signalFinalReport();
       return;
     }
     default:
@@ -118,13 +119,13 @@ xfr::Transfer* TransferWrapper::getTransfer() {
 }
 
 // An end that was reported before the wait began counts, too.
-void TransferWrapper::waitForEnd(const timespec& deadline) {
+void TransferWrapper::waitForFinalReport(const timespec& deadline) {
   const MutexLock lock(mutex);
   int result = 0;
   while (!ended && result == 0) result = pthread_cond_timedwait(&condition, &mutex, &deadline);
 }
 
-void TransferWrapper::signalEnd() {
+void TransferWrapper::signalFinalReport() {
   ended = true;
   pthread_cond_signal(&condition);
 }

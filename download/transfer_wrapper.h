@@ -43,8 +43,8 @@ class TransferWrapper : public xfr::TransferListener {
   ~TransferWrapper() override;
 
  private:
-  void waitForEnd(const timespec& deadline);
-  void signalEnd();  // with the mutex held
+  void waitForFinalReport(const timespec& deadline);
+  void signalFinalReport();  // with the mutex held
 
   const std::string sourceAddress;
   const std::string method;

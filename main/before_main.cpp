@@ -1,7 +1,5 @@
 /// All process-wide objects with a constructor, in the order in which they are built before `main`.
 
-#include <malloc.h>
-
 #include "download/transfer_service_wrapper.h"
 #include "download/work_directory.h"
 #include "main/uncaught.h"
@@ -18,9 +16,6 @@ struct ProcessFrame {
   ProcessFrame() {
     zelo::endOnUncaughtExceptions();
     zelo::repairInheritedState();
-    // One heap for all threads: where memory is short a second one may be refused, which libraries do not
-    // survive.
-    (void)mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): there is one thread yet
   }
 };
 

@@ -6,8 +6,8 @@
 /// `std::system_error` when the threads cannot be started.
 void startShutdownThreads();
 
-/// As the handler of a termination signal (async-signal-safe): on the main thread hands the signal over to
-/// the shutdown threads, on any other passes it on to the main thread; in a forked child that is no program
-/// yet ends the child. With 0, at the end of a run: writes the "going down" line and releases the
-/// lock, unless a signal is ending the process already; then it does not return.
+/// As the handler of a termination signal, on any thread (async-signal-safe): hands the signal over to the
+/// shutdown threads. In a forked child that is no program yet it ends the child. With 0, at the end of a run:
+/// writes the "going down" line and releases the lock; does not return if a signal is ending the process
+/// already. A process writes that line once.
 void shutdownHandler(int signum);

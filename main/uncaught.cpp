@@ -1,6 +1,5 @@
 #include "main/uncaught.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -41,18 +40,11 @@ void endWithStatusOne(int /*signum*/) {
 
 void endOnUncaughtExceptions() noexcept {
   std::set_terminate(endUncaught);
-  // Until the crash-dump handlers are installed, an abort counts as a failed start: a library aborts when it
-  // lacks a resource.
   (void)signal(SIGABRT, endWithStatusOne);
 }
 
-void endWithinLogPatience() noexcept {
-  (void)signal(SIGALRM, endWithStatusOne);
-  sigset_t only;
-  sigemptyset(&only);
-  sigaddset(&only, SIGALRM);
-  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-  alarm(logPatienceSeconds);
+void makeAbortsCrash() noexcept {
+  (void)signal(SIGABRT, SIG_DFL);
 }
 
 }  // namespace zelo

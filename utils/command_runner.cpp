@@ -12,6 +12,7 @@
 #include <charconv>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -23,30 +24,15 @@
 namespace zelo {
 namespace {
 
-constexpr const char* executionFailed = "failed to execute command";
-
 // The system call that closes a range, in kernels since 5.9. Older headers lack its number, which is the
 // same on ARM and x86.
 constexpr long closeRange = 436;
 
-// What perror would write, by the error's number. Made before a fork: the child must not allocate.
-[[nodiscard]] std::vector<std::string> execveReports() {
-  constexpr int lastError = 133;
-  std::vector<std::string> reports;
-  for (int error = 0; error <= lastError; ++error) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): safe for the numbers that the system has
-    reports.push_back(std::string("execve: ") + std::strerror(error) + "\n");
-  }
-  return reports;
-}
-
-// Ignored, SIGCHLD has the system discard how a program ended.
-void heedChildren() {
+// Where SIGCHLD is ignored, the system discards how a program ended.
+void keepExitStatuses() {
   struct sigaction action = {};
-  if (sigaction(SIGCHLD, nullptr, &action) != 0) return;
-  if (action.sa_handler == SIG_IGN) action.sa_handler = SIG_DFL;
-  action.sa_flags &= ~SA_NOCLDWAIT;
-  (void)sigaction(SIGCHLD, &action, nullptr);
+  (void)sigaction(SIGCHLD, nullptr, &action);
+  if (action.sa_handler == SIG_IGN) (void)signal(SIGCHLD, SIG_DFL);
 }
 
 // For the forked child. Done in the parent it would race with the descriptors of the libraries' threads.
@@ -83,23 +69,22 @@ void replaceUnreadStandardError() {
   if (nothing >= 0) (void)dup2(nothing, STDERR_FILENO);
 }
 
-// Runs in the forked child: async-signal-safe calls only.
-[[noreturn]] void becomeProgram(char* const arguments[], int output, int starting,
-                                const std::vector<std::string>& reports) {
+// Runs in the forked child: async-signal-safe calls only. `launch` gets the error's number if the child
+// cannot become the program; otherwise the system closes it.
+[[noreturn]] void becomeProgram(char* const arguments[], int output, int launch) {
   if (terminationSignal() != 0) _exit(EXIT_FAILURE);  // noted just before the fork
   (void)signal(SIGPIPE, SIG_DFL);                     // libraries ignore it for the daemon
-  const int redirected = output == STDOUT_FILENO ? fcntl(output, F_SETFD, 0) : dup2(output, STDOUT_FILENO);
+  const bool redirected = dup2(output, STDOUT_FILENO) >= 0;
   replaceUnreadStandardError();
   constexpr int lastKept = STDERR_FILENO + 1;
-  const int kept = starting == lastKept ? starting : dup3(starting, lastKept, O_CLOEXEC);
-  if (redirected >= 0 && kept >= 0) {
+  const int kept = launch == lastKept ? launch : dup3(launch, lastKept, O_CLOEXEC);
+  if (redirected && kept >= 0) {
     closeDescriptorsFrom(lastKept + 1);
     char* const environment[] = {nullptr};
     execve(arguments[0], arguments, environment);
   }
-  const auto error = static_cast<std::size_t>(errno);
-  const std::string& report = error < reports.size() ? reports[error] : reports.back();
-  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, report.data(), report.size());
+  const int error = errno;
+  [[maybe_unused]] const ssize_t written = write(kept, &error, sizeof error);
   _exit(EXIT_FAILURE);
 }
 
@@ -150,6 +135,16 @@ struct Pipe {
   }
 }
 
+// Returns when the child has become its program, or after reporting why it could not.
+void awaitLaunch(int launch) {
+  const std::string failure = readToEnd(launch);
+  int error = 0;
+  if (failure.size() != sizeof error) return;
+  std::memcpy(&error, failure.data(), sizeof error);
+  errno = error;
+  std::perror("execve");
+}
+
 struct Outcome {
   bool succeeded;
   std::string output;
@@ -158,23 +153,22 @@ struct Outcome {
 // Does not return once a termination signal has arrived: a program that the same signal has ended must
 // not count as a success.
 [[nodiscard]] Outcome runToItsEnd(char* const arguments[]) {
-  const std::vector<std::string> reports = execveReports();
-  heedChildren();
+  keepExitStatuses();
   Wait wait(Wait::program);
 
   // Declared before the pipes: an exception closes them first, which ends a child that writes.
   Child child;
   Pipe output = openPipe();
-  Pipe starting = openPipe();  // closed by the system when the child becomes the program
+  Pipe launch = openPipe();
 
   child.pid = fork();
   if (child.pid < 0) throw std::runtime_error("unable to fork");
-  if (child.pid == 0) becomeProgram(arguments, output.writeEnd.get(), starting.writeEnd.get(), reports);
+  if (child.pid == 0) becomeProgram(arguments, output.writeEnd.get(), launch.writeEnd.get());
 
   output.writeEnd.close();
-  starting.writeEnd.close();
-  (void)readToEnd(starting.readEnd.get());
-  starting.readEnd.close();
+  launch.writeEnd.close();
+  awaitLaunch(launch.readEnd.get());
+  launch.readEnd.close();
   wait.programRuns();
   std::string text = readToEnd(output.readEnd.get());
   return {child.wait(), std::move(text)};
@@ -183,9 +177,8 @@ struct Outcome {
 }  // namespace
 
 std::string runProcess(char* const arguments[]) {
-  if (arguments[0] == nullptr) throw std::runtime_error(executionFailed);
   Outcome outcome = runToItsEnd(arguments);
-  if (!outcome.succeeded) throw std::runtime_error(executionFailed);
+  if (!outcome.succeeded) throw std::runtime_error("failed to execute command");
   return std::move(outcome.output);
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -89,9 +90,8 @@ void sleepSeconds(std::uint32_t seconds) {
   std::uint32_t rest = seconds * 1000000U;
   const auto end = steady_clock::now() + microseconds(rest);
   while (usleep(rest) != 0 && errno == EINTR) {
-    const auto left = std::chrono::duration_cast<microseconds>(end - steady_clock::now()).count();
-    if (left <= 0) return;
-    rest = static_cast<std::uint32_t>(left);
+    const auto left = std::chrono::duration_cast<microseconds>(end - steady_clock::now());
+    rest = static_cast<std::uint32_t>(std::max(left.count(), microseconds::zero().count()));
   }
 }
 

@@ -11,4 +11,8 @@ inline constexpr int logPatienceSeconds = 2;
 [[gnu::format(printf, 1, 2)]] void logWarning(const char* format, ...);
 [[gnu::format(printf, 1, 2)]] void logError(const char* format, ...);
 
+/// For a process that is about to end with status 1 and has one more line to write: if the log receiver has
+/// stopped reading, the process ends with that status after `logPatienceSeconds`.
+void endWithinLogPatience() noexcept;
+
 }  // namespace zelo

@@ -40,17 +40,17 @@ int terminationSignal() noexcept {
   return g_termination_signal.load();
 }
 
-void awaitEnd() noexcept {
+void parkForever() noexcept {
   (void)become(Activity::waits);
   for (;;) pause();
 }
 
 Wait::Wait(For what) noexcept {
-  if (!become(what == program ? Activity::startsProgram : Activity::waits)) awaitEnd();
+  if (!become(what == program ? Activity::startsProgram : Activity::waits)) parkForever();
 }
 
 Wait::~Wait() {
-  if (!become(Activity::acts)) awaitEnd();
+  if (!become(Activity::acts)) parkForever();
 }
 
 void Wait::programRuns() noexcept {
@@ -59,7 +59,7 @@ void Wait::programRuns() noexcept {
   pthread_cond_broadcast(&g_activity_changed);
 }
 
-void awaitMainThread(const timespec& deadline) noexcept {
+void awaitIdleMainThread(const timespec& deadline) noexcept {
   const MutexLock lock(g_activity_mutex);
   int result = 0;
   while ((g_activity == Activity::acts || g_activity == Activity::startsProgram) && result == 0)

@@ -8,15 +8,14 @@
 /// noted, it neither returns from a wait nor begins another one. Once it waits, nothing new can begin.
 namespace zelo {
 
-/// Remembers a termination signal. True for the first one only. Async-signal-safe; to be called on the
-/// main thread, so that the thread cannot begin anything between the signal's arrival and this call.
+/// Remembers a termination signal. True for the first one only. Async-signal-safe, on any thread.
 [[nodiscard]] bool noteTerminationSignal(int signum) noexcept;
 
 /// The termination signal that was noted, 0 before there is one. Async-signal-safe.
 [[nodiscard]] int terminationSignal() noexcept;
 
 /// Makes the main thread wait until the process ends.
-[[noreturn]] void awaitEnd() noexcept;
+[[noreturn]] void parkForever() noexcept;
 
 /// The main thread waits for as long as one of these lives. Neither the constructor nor the destructor
 /// returns once a termination signal has been noted.
@@ -34,7 +33,7 @@ class Wait {
 };
 
 /// Returns when the main thread waits, at the latest at the deadline on CLOCK_MONOTONIC.
-void awaitMainThread(const timespec& deadline) noexcept;
+void awaitIdleMainThread(const timespec& deadline) noexcept;
 
 /// Returns when no program is being started or waited for.
 void awaitNoProgram() noexcept;

@@ -29,7 +29,8 @@ Texts inChild(Body body) {
     alarm(30);
     dup2(ends[1], STDERR_FILENO);
     dup3(ends[1], childsVoice, O_CLOEXEC);
-    close(ends[0]), close(ends[1]);
+    close(ends[0]);
+    close(ends[1]);
     [&]() noexcept { body(); }();
     _exit(0);
   }

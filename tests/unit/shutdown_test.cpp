@@ -36,8 +36,8 @@ TEST_F(Frame, TheLockIsReleasedOnceAndTheLineWrittenOnce) {
       for (const std::string& entry : platform.log) say(entry);
       for (const std::string& entry : platform.calls) say(entry);
     });
-    EXPECT_EQ(said, (Texts{goingDown(0), "check " + pidFile, "clean " + pidFile + " " + std::to_string(handle),
-                           "exit 0"}));
+    EXPECT_EQ(said, (Texts{goingDown(0), "check " + pidFile,
+                           "clean " + pidFile + " " + std::to_string(handle), "exit 0"}));
   }
 }
 

@@ -31,7 +31,9 @@ struct Utils : fake::Test {
 
 TEST_F(Utils, PathsAreTakenApartAndJoined) {
   const struct {
-    std::string path, parent, name;
+    std::string path;
+    std::string parent;
+    std::string name;
   } rows[] = {{"/tmp/z.Ab/meta.json", "/tmp/z.Ab", "meta.json"},
               {"run.sh", "run.sh", "run.sh"},
               {"/file", "", "file"},
@@ -75,7 +77,8 @@ TEST_F(Utils, FilesAreReadAndWrittenWhole) {
   EXPECT_EQ(readFile(file), "of 2040");
   const std::string fifo = directory + "/fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  for (const char* path : {"", directory.c_str(), "/none", fifo.c_str()}) EXPECT_EQ(readFile(path), "") << path;
+  for (const char* path : {"", directory.c_str(), "/none", fifo.c_str()})
+    EXPECT_EQ(readFile(path), "") << path;
   const FileDescriptor writer(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(write(writer.get(), "x", 1), 1);
   EXPECT_EQ(readFile(fifo), "") << "not a regular file";

@@ -57,7 +57,7 @@ void TransferWrapper::download(int timeoutSeconds) {
 }
 
 void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
-  if (terminationSignal() != 0) return;  // the process ends, and its last line has been or is being written
+  if (terminationSignal() != 0) return;  // its last line may have been written
   if (transferStatus == nullptr) {
     logWarning("W TransferWrapper:onProgress:transferStatus is NULL:");
     return;
@@ -95,7 +95,7 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
     }
     case xfr::downloadCompleted: {
       logInfo("I TransferWrapper:onProgress:status=downloadCompleted:");
-      // Asked again: the library may change its status while this is called, and the last word counts.
+      // Read again: the library may change the status meanwhile, and its last word counts.
       const bool isCompleted = transferStatus->getState() == xfr::downloadCompleted;
       const MutexLock lock(mutex);
       completed = isCompleted;
@@ -109,7 +109,7 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
 
 void TransferWrapper::setTransfer(xfr::Transfer* handle) {
   const MutexLock lock(mutex);
-  (void)transfer.release();  // the library's, which has announced another one or taken it back
+  (void)transfer.release();  // now the library's again
   transfer.reset(handle);
 }
 
@@ -118,7 +118,7 @@ xfr::Transfer* TransferWrapper::getTransfer() {
   return transfer.get();
 }
 
-// An end that was reported before the wait began counts, too.
+// A final report that came before the wait counts too.
 void TransferWrapper::waitForFinalReport(const timespec& deadline) {
   const MutexLock lock(mutex);
   int result = 0;

@@ -6,12 +6,12 @@
 #include "utils/files.h"
 #include "utils/inherited_state.h"
 
-// Nothing can catch an exception here: the terminate handler, installed first, ends the process in order.
-// NOLINTBEGIN(cert-err58-cpp)
+// Nothing can catch an exception here. The terminate handler, installed first, reports it and ends the
+// process. NOLINTBEGIN(cert-err58-cpp)
 
 namespace {
 
-/// First, so that whatever fails after it ends the process in order, with sane descriptors and signals.
+/// First, so that any later failure is reported, with working descriptors and signals.
 struct ProcessFrame {
   ProcessFrame() {
     zelo::endOnUncaughtExceptions();

@@ -39,7 +39,7 @@ void awaitLine() {
   }
 }
 
-// One line for each process: a signal may still arrive after that of a complete run.
+// One line per process: a signal may still arrive after the line of a complete run.
 void writeLine(int signum) {
   if (g_line_begun.exchange(true)) return;
   zelo::logInfo("I def:zeloinstall:signum=%d:We're going down...", signum);
@@ -56,8 +56,8 @@ void writeLine(int signum) {
   _exit(128 + signum);  // the first process of a container has no default actions
 }
 
-// A thread that only writes: a log receiver that has stopped reading blocks it. A main thread that acts until
-// the deadline is stuck in the platform; the line is written all the same.
+// Only writes, because a log receiver that has stopped reading blocks it. If the main thread still acts at
+// the deadline, it is stuck in the platform, and the line is written anyway.
 void* lineThread(void* /*unused*/) {
   awaitSignal();
   zelo::awaitIdleMainThread(fromNow(zelo::logPatienceSeconds / 2));
@@ -96,7 +96,7 @@ void shutdownHandler(int signum) {
     if (zelo::terminationSignal() != 0) zelo::parkForever();
     writeLine(signum);
     releaseSingleInstance();
-  } else if (getpid() != g_daemon_pid) {  // a forked child that has not become its program yet
+  } else if (getpid() != g_daemon_pid) {  // a forked child, not yet its program
     (void)signal(signum, SIG_DFL);
     (void)raise(signum);
   } else if (zelo::noteTerminationSignal(signum)) {

@@ -28,7 +28,7 @@ void endWithStatusOne(int /*signum*/) {
   try {
     std::rethrow_exception(exception);
   } catch (const AnotherInstance&) {
-    _exit(EXIT_FAILURE);  // its line has been written
+    _exit(EXIT_FAILURE);  // already logged
   } catch (const std::exception& error) {
     end(error.what());
   } catch (...) {

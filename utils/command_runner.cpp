@@ -24,22 +24,21 @@
 namespace zelo {
 namespace {
 
-// The system call that closes a range, in kernels since 5.9. Older headers lack its number, which is the
-// same on ARM and x86.
+// The number of close_range, which kernels have since 5.9 and older headers lack. ARM and x86 use the same.
 constexpr long closeRange = 436;
 
-// Where SIGCHLD is ignored, the system discards how a program ended.
+// If SIGCHLD is ignored, the system discards exit statuses.
 void keepExitStatuses() {
   struct sigaction action = {};
   (void)sigaction(SIGCHLD, nullptr, &action);
   if (action.sa_handler == SIG_IGN) (void)signal(SIGCHLD, SIG_DFL);
 }
 
-// For the forked child. Done in the parent it would race with the descriptors of the libraries' threads.
+// For the forked child: in the parent, the libraries' threads could open more at the same time.
 void closeDescriptorsFrom(int first) {
   if (syscall(closeRange, first, UINT_MAX, 0) == 0) return;
 
-  (void)close(first);  // or there may be no room to open the list
+  (void)close(first);  // makes room to open the list
   const int directory = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory < 0) {
     rlimit limit{};
@@ -60,8 +59,8 @@ void closeDescriptorsFrom(int first) {
   }
 }
 
-// For the forked child. A standard error that nobody reads would end the program at its first word there,
-// which would count as a success.
+// For the forked child. If nobody reads standard error, the program's first message there would kill it by
+// SIGPIPE, which would count as success.
 void replaceUnreadStandardError() {
   pollfd error{STDERR_FILENO, 0, 0};
   if (poll(&error, 1, 0) != 1 || (error.revents & (POLLERR | POLLHUP)) == 0) return;
@@ -69,8 +68,8 @@ void replaceUnreadStandardError() {
   if (nothing >= 0) (void)dup2(nothing, STDERR_FILENO);
 }
 
-// Runs in the forked child: async-signal-safe calls only. `launch` gets the error's number if the child
-// cannot become the program; otherwise the system closes it.
+// Runs in the forked child: async-signal-safe calls only. If the child cannot become the program, it writes
+// the error number to `launch`; if it can, the system closes `launch`.
 [[noreturn]] void becomeProgram(char* const arguments[], int output, int launch) {
   if (terminationSignal() != 0) _exit(EXIT_FAILURE);  // noted just before the fork
   (void)signal(SIGPIPE, SIG_DFL);                     // libraries ignore it for the daemon
@@ -88,7 +87,7 @@ void replaceUnreadStandardError() {
   _exit(EXIT_FAILURE);
 }
 
-// A forked child, reaped at the latest when this is destroyed.
+// A forked child; the destructor reaps it if nothing has before.
 struct Child {
   pid_t pid = -1;
 
@@ -99,7 +98,7 @@ struct Child {
     if (pid > 0) (void)wait();
   }
 
-  // True when the child ended with status 0 or by a signal.
+  // True if the child exited with status 0 or was killed by a signal.
   [[nodiscard]] bool wait() noexcept {
     int status = 0;
     pid_t reaped = -1;
@@ -150,13 +149,13 @@ struct Outcome {
   std::string output;
 };
 
-// Does not return once a termination signal has arrived: a program that the same signal has ended must
-// not count as a success.
+// Does not return once a termination signal has arrived: if the same signal has killed the program, that must
+// not count as success.
 [[nodiscard]] Outcome runToItsEnd(char* const arguments[]) {
   keepExitStatuses();
   Wait wait(Wait::program);
 
-  // Declared before the pipes: an exception closes them first, which ends a child that writes.
+  // Before the pipes: an exception then closes them first, so that a child that writes ends.
   Child child;
   Pipe output = openPipe();
   Pipe launch = openPipe();

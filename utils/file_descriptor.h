@@ -18,7 +18,7 @@ class FileDescriptor {
   [[nodiscard]] int get() const noexcept { return fd; }
   [[nodiscard]] bool valid() const noexcept { return fd >= 0; }
 
-  /// Closes it now; nothing is left for the destructor.
+  /// Closes it now instead of in the destructor.
   void close() noexcept {
     if (valid()) (void)::close(std::exchange(fd, -1));
   }

@@ -44,7 +44,7 @@ void makeDirectory(const std::string& path) {
 }
 
 std::string readFile(const std::string& path) noexcept try {
-  // Not blocking: a FIFO under that name would keep the opening waiting for a writer.
+  // Non-blocking, because opening a FIFO would wait for a writer.
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file.valid() || !isRegularFile(file.get())) return {};
   std::string content;
@@ -58,7 +58,7 @@ std::string readFile(const std::string& path) noexcept try {
     }
   }
 } catch (const std::exception&) {
-  return {};  // larger than the memory
+  return {};  // does not fit into memory
 }
 
 void writeFile(const std::string& path, const std::string& content) noexcept {

@@ -13,7 +13,7 @@ namespace {
 void openStandardDescriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) >= 0) continue;
-    // The lowest free descriptor is this one: those below are open by now.
+    // open() returns the lowest free descriptor, which is this one: those below are open.
     if (open("/dev/null", O_RDWR) != fd) throw std::runtime_error("unable to open /dev/null");
   }
 }

@@ -2,11 +2,11 @@
 
 namespace zelo {
 
-/// Repairs the part of the inherited state that the daemon cannot work with, before the platform's libraries
-/// make choices of their own. Closed standard descriptors are opened on /dev/null, or the bus's socket would
-/// become standard output. Blocked signals are unblocked. SIGPIPE and SIGXFSZ get a handler that does
-/// nothing: a failed write must not end the daemon. Everything else is as the starter set it: environment,
-/// timers, limits and ignored signals. Throws `std::runtime_error` when /dev/null cannot be opened.
+/// Repairs what the daemon cannot work with, before the platform's libraries are opened. Closed standard
+/// descriptors are opened on /dev/null; otherwise the bus's socket would become standard output. Blocked
+/// signals are unblocked. SIGPIPE and SIGXFSZ get a handler that does nothing, because a failed write must
+/// not end the daemon. Environment, timers, limits and ignored signals stay as the starter set them. Throws
+/// `std::runtime_error` if /dev/null cannot be opened.
 void repairInheritedState();
 
 }  // namespace zelo

@@ -25,7 +25,7 @@ constexpr Level info{1U << 23, LOG_NOTICE};
 constexpr Level warning{1U << 24, LOG_WARNING};
 constexpr Level error{1U << 25, LOG_ERR};
 
-// A line that is too long for the log receiver would be lost whole, with the code at its end.
+// A line too long for the log receiver would be lost completely, with the code at its end.
 constexpr int longestLine = 32 << 10;
 constexpr int keptAtEachEnd = longestLine / 2;
 

@@ -10,7 +10,7 @@ struct Free {
   void operator()(char* text) const noexcept { std::free(text); }
 };
 
-/// A text that a library allocated for its caller, who releases it with `free`.
+/// Owns a text that a library allocated with `malloc` for its caller.
 using MallocText = std::unique_ptr<char, Free>;
 
 }  // namespace zelo

@@ -15,12 +15,12 @@ enum class Activity { acts, startsProgram, waitsForProgram, waits };
 std::atomic<int> g_termination_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
 
-// pthread's own types have no destructor: a thread may still wait for them while the process exits.
+// pthread's types, because they have no destructor: a thread may still wait on them while the process exits.
 pthread_mutex_t g_activity_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_activity_changed = PTHREAD_COND_INITIALIZER;
 Activity g_activity = Activity::acts;
 
-// False, and the main thread just waits, once a termination signal has been noted.
+// False once a termination signal has been noted; the main thread then counts as waiting.
 [[nodiscard]] bool become(Activity next) noexcept {
   const MutexLock lock(g_activity_mutex);
   const bool goesOn = terminationSignal() == 0;

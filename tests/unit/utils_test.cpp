@@ -102,7 +102,10 @@ TEST_F(Utils, PausesLastTheirWholeLength) {
   for (const std::uint32_t seconds : {0U, 3U, maxSleepSeconds}) sleepSeconds(seconds);
   EXPECT_EQ(platform.pauses, (std::vector<unsigned>{0, 3000000, 4294000000}));
   platform.pauses.clear();
-  platform.onPause = [this] { return platform.pauses.size() < 2; };
+  platform.onPause = [this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return platform.pauses.size() < 2;
+  };
   sleepSeconds(0);
   EXPECT_EQ(platform.pauses, (std::vector<unsigned>{0, 0})) << "interrupted when the time is over";
   platform.pauses.clear();

@@ -12,17 +12,19 @@ if(NOT ZELO_PLATFORM_LIBRARIES)
   set_target_properties(zeloinstall PROPERTIES INSTALL_RPATH $ORIGIN/${from_sbin})
 endif()
 
-# Written while installing: only then is the prefix certain.
+install(FILES doc/zeloinstall.timer DESTINATION lib/systemd/system)
+install(FILES doc/zeloinstall.service.in RENAME zeloinstall.service DESTINATION lib/systemd/system)
+# Only while installing is the prefix certain.
 install(CODE "
   get_filename_component(ZELO_SBINDIR \"${CMAKE_INSTALL_SBINDIR}\" ABSOLUTE
                          BASE_DIR \"\${CMAKE_INSTALL_PREFIX}\")
-  configure_file(\"${PROJECT_SOURCE_DIR}/doc/zeloinstall.service.in\"
-                 \"${PROJECT_BINARY_DIR}/doc/zeloinstall.service\" @ONLY)")
-install(FILES ${PROJECT_BINARY_DIR}/doc/zeloinstall.service doc/zeloinstall.timer
-        DESTINATION lib/systemd/system)
+  set(unit \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/systemd/system/zeloinstall.service\")
+  file(READ \"\${unit}\" text)
+  string(CONFIGURE \"\${text}\" text @ONLY)
+  file(WRITE \"\${unit}\" \"\${text}\")")
 install(FILES doc/zeloinstall.tmpfiles RENAME zeloinstall.conf DESTINATION lib/tmpfiles.d)
 install(FILES doc/zeloinstall.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-install(FILES README.md doc/fleet.md doc/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES doc/fleet.md doc/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES CHANGELOG.md RENAME changelog DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tools)

@@ -13,6 +13,13 @@ set(CPACK_PACKAGE_VENDOR zeloinstall)
 set(CPACK_PACKAGE_CONTACT "The zeloinstall developers <zeloinstall@zelo.example>")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+if(CMAKE_CROSSCOMPILING)
+  execute_process(COMMAND dpkg-architecture -t ${CMAKE_LIBRARY_ARCHITECTURE} -q DEB_HOST_ARCH
+                  OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE)
+  # Which package a library there is in, dpkg-shlibdeps reads from DEBIAN/symbols and DEBIAN/shlibs of the sysroot.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_SYSROOT}/lib/${CMAKE_LIBRARY_ARCHITECTURE}
+                                                  ${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
+endif()
 
 set(debian ${PROJECT_SOURCE_DIR}/cmake/debian)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME zeloinstall)

@@ -1,13 +1,11 @@
 """The build directory that the tests try comes from ZELO_BUILD_DIR."""
 
 import os
-import sys
 from pathlib import Path
 
 import pytest
 
 ROOT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(ROOT))
 
 
 @pytest.fixture(scope="session")

@@ -5,25 +5,32 @@ A device takes at most one change of each kind, in the order of the kinds.
 
 from device.cases import (BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
                           NOT_TAKEN, PROD, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, TIMEOUT, Case,
-                          answer, archive, both, failing, fatal, good, key_file, marker, members,
+                          Change, answer, archive, both, failing, fatal, good, key_file, marker, members,
                           other_authority, reported, script, setting, signed, tool)
-from device.https_server import Content, Drop, Redirect, Stall, Status
-from device.virtual_device import ARCHIVE, DOCUMENT, MARKER
+from device.https_server import Answer, Content, Drop, Redirect, Stall, Status
+from device.virtual_device import ARCHIVE, DOCUMENT, MARKER, VirtualDevice
+
+UNFINISHED: dict[str, Answer] = {
+    **{f"with status {code}": Status(code) for code in (202, 204, 206, 404)},
+    "cut short": Drop(b"abc"),
+    "of unknown length cut short": Drop(b"abc", with_length=False),
+    "elsewhere over http": Redirect("http://bundles.zelo.example/b"),
+}
 
 
-def cut_archive(d) -> None:
+def cut_archive(d: VirtualDevice) -> None:
     d.publish(d.sign(d.make_bundle(files={"data": bytes(range(256)) * 9}).archive[:-40]))
 
 
-def unfetched(name: str, change, message: str = LOST) -> Case:
+def unfetched(name: str, change: Change, message: str = LOST) -> Case:
     return failing(name, change, 1, message, "02", METADATA_FAILED + message)
 
 
-def refused(name: str, change, message: str = NO_COMMAND, *warnings: str) -> Case:
+def refused(name: str, change: Change, message: str = NO_COMMAND, *warnings: str) -> Case:
     return failing(name, change, 3, message, "00", *warnings)
 
 
-def untold(name: str, change, *shown: str) -> Case:
+def untold(name: str, change: Change, *shown: str) -> Case:
     """Nobody serves the address that is configured, and `change` breaks the telling of it."""
     return fatal(name, both(setting(TEMPLATE, NOBODY), change), 1, NO_COMMAND, METADATA_FAILED + LOST,
                  reported(LOST, "02"), shown=shown)
@@ -53,10 +60,7 @@ KINDS = {
     ],
     "bundle": [
         failing(f"bundle {name}", answer(ARCHIVE, gets), 2, LOST, "02", BUNDLE_FAILED + LOST)
-        for name, gets in (
-            *((f"with status {code}", Status(code)) for code in (202, 204, 206, 404)),
-            ("cut short", Drop(b"abc")), ("of unknown length cut short", Drop(b"abc", with_length=False)),
-            ("elsewhere over http", Redirect("http://bundles.zelo.example/b")))
+        for name, gets in UNFINISHED.items()
     ],
     "time limit": [
         fatal("time limit out of range", setting(TIMEOUT, "99999999999"), 1, "stoi"),

@@ -48,8 +48,9 @@ class Attempt(NamedTuple):
         archives = [ROWS[name].change for name in self.rows if ROWS[name] in KINDS["archive"]]
         others = [ROWS[name].change for name in self.rows if ROWS[name] not in KINDS["archive"]]
         for change in (*archives, signed(self.signer), tampered if self.tampered else nothing, *others,
-                       key_file(PROD, self.key), lambda d: d.marker(self.marker)):
+                       key_file(PROD, self.key)):
             change(device)
+        device.marker(self.marker)
 
     def last_stage(self) -> int | None:
         """The first stage that cannot succeed."""

@@ -23,7 +23,7 @@ PASS_TIME = "i=0; while [ $i -lt 300000 ]; do i=$((i + 1)); done"
 CASES = [*demo.CASES, *itertools.chain(*KINDS.values()), *SIGNATURES, *STARTS]
 
 
-@pytest.mark.parametrize("case", CASES, ids=lambda case: case.name)
+@pytest.mark.parametrize("case", CASES, ids=[case.name for case in CASES])
 def test_case(device: VirtualDevice, case: Case) -> None:
     case.change(device)
     runs = case.play(device)

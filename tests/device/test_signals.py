@@ -72,7 +72,7 @@ def storm(run: Run, count: int, seed: int = 0) -> None:
         run.send(signum)
 
 
-@pytest.mark.parametrize("moment", MOMENTS, ids=lambda moment: moment.place)
+@pytest.mark.parametrize("moment", MOMENTS, ids=[moment.place for moment in MOMENTS])
 def test_each_signal(device: VirtualDevice, gate: Gate, moment: Moment) -> None:
     """The first one counts, a running program is let come to its end, and nothing new begins."""
     moment.prepare(device, gate)

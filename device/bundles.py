@@ -32,7 +32,7 @@ class Bundle:
 
 def pack(source: Path, key: Path, url: str) -> Bundle:
     """A bundle of a directory's files, signed with the private `key`."""
-    with TemporaryDirectory(prefix="zb.") as output:
+    with TemporaryDirectory() as output:
         command: list[str | Path] = [TOOL, "--key", key, "--url", url, "--output", output, "--", source]
         done = subprocess.run(command, check=False, stdout=subprocess.DEVNULL)
         if done.returncode != 0:
@@ -44,7 +44,7 @@ def pack(source: Path, key: Path, url: str) -> Bundle:
 def make_bundle(key: Path, url: str, script: str = SUCCEEDING_SCRIPT,
                 files: Mapping[str, bytes] | None = None) -> Bundle:
     """A bundle with `script` as its run.sh and further files."""
-    with TemporaryDirectory(prefix="zb.") as source:
+    with TemporaryDirectory() as source:
         for path, content in {"run.sh": script.encode(), **(files or {})}.items():
             file = Path(source, path)
             file.parent.mkdir(parents=True, exist_ok=True)

@@ -1,9 +1,9 @@
 """Shows on virtual devices what the daemon does with good and bad bundles."""
 
-import signal
+from device import alone
 
-if __name__ == "__main__" and signal.getsignal(signal.SIGINT) != signal.SIG_IGN:
-    signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C during the imports would show a traceback
+if __name__ == "__main__":
+    alone.enter()
 
 import argparse
 import os
@@ -34,7 +34,7 @@ def failing_once(device: VirtualDevice) -> None:
 def start_and_undefer(device: VirtualDevice) -> list[Run]:
     run = device.start()
     run.wait_for_line("continue monitoring progress")
-    device.defer_transfers(None)
+    device.defer_transfers(0)
     run.wait()
     return [run]
 

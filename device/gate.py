@@ -20,7 +20,8 @@ def until(condition: Callable[[], object]) -> None:
 
 
 def is_stopped(pid: int) -> bool:
-    return Path(f"/proc/{pid}/stat").read_text().rpartition(") ")[2].startswith("T")
+    """Also by a tracer."""
+    return Path(f"/proc/{pid}/stat").read_text().rpartition(") ")[2].startswith(("T", "t"))
 
 
 class Gate:

@@ -7,10 +7,10 @@ from collections.abc import Sequence
 from pathlib import Path
 
 from device import PATIENCE
-from device.entering import as_root, enter
 
 NO_ENVIRONMENT: dict[str, str] = {}
 BUS_SOCKET = "run/kbus.sock"
+TRANSFER_SERVICE, SHELL = "com.qorvex.transfer", "com.qorvex.vestrel"
 BUS_CONFIG = """\
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
@@ -25,6 +25,11 @@ BUS_CONFIG = """\
   </policy>
 </busconfig>
 """
+
+
+def enter(root: Path) -> list[str]:
+    """Prefix for a program inside `root`; its path and arguments follow. The process id stays."""
+    return ["/usr/sbin/chroot", str(root)]
 
 
 class Service:
@@ -87,7 +92,15 @@ def start_bus(base: Path, root: Path) -> Service:
     config.write_text(BUS_CONFIG.format(socket=root / BUS_SOCKET))
     command = ["/usr/bin/dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog",
                "--print-address=1"]
-    return Service([*as_root(), *command], base, "unix:path=.*")
+    return Service(command, base, "unix:path=.*")
+
+
+def set_property(root: Path, service: str, name: str, value: str) -> bool:
+    """Whether a service has taken the value. Not by the tool that the daemon uses, because tests break it."""
+    command = [*enter(root), "/usr/bin/dbus-send", f"--bus=unix:path=/{BUS_SOCKET}", "--print-reply",
+               f"--dest={service}", f"/{service.replace('.', '/')}", "org.freedesktop.DBus.Properties.Set",
+               f"string:{service}", f"string:{name}", f"variant:{value}"]
+    return subprocess.run(command, env=NO_ENVIRONMENT, capture_output=True, check=False).returncode == 0
 
 
 class TransferService(Service):
@@ -95,19 +108,16 @@ class TransferService(Service):
 
     PROGRAM = "/usr/sbin/transfer-service"
 
-    def __init__(self, base: Path, root: Path, mounts: Sequence[str] = ()):
-        super().__init__([*enter(str(root), mounts), self.PROGRAM], base, "transfer-service: ready")
+    def __init__(self, base: Path, root: Path):
+        super().__init__([*enter(root), self.PROGRAM], base, "transfer-service: ready")
 
 
 class Shell:
     """The UI shell, inside the root."""
 
-    # A copy, because tests break the one that the daemon uses.
-    TOOL = "/usr/lib/virtual-device/kbus-set-prop"
-
     def __init__(self, base: Path, root: Path):
-        self._enter = enter(str(root))
-        self._service = Service([*self._enter, "/usr/bin/vestrel"], base, "vestrel: ready")
+        self._root = root
+        self._service = Service([*enter(root), "/usr/bin/vestrel"], base, "vestrel: ready")
         self._asked = 0
         self.stop = self._service.stop
 
@@ -115,8 +125,7 @@ class Shell:
         """What the shell has shown for everything that was sent to it until now."""
         # The bus keeps the order, so the answer to this comes after everything that was sent before.
         self._asked += 1
-        barrier = [*self._enter, self.TOOL, "com.qorvex.vestrel", "load", f"barrier-{self._asked}"]
-        if subprocess.run(barrier, env=NO_ENVIRONMENT, capture_output=True, check=False).returncode == 0:
+        if set_property(self._root, SHELL, "load", f"string:barrier-{self._asked}"):
             self._service.wait_for(f"vestrel: load = barrier-{self._asked}")
         own = re.compile(r"vestrel: (ready|load = barrier-\d+)")
         return [line for line in self._service.lines() if not own.fullmatch(line)]

@@ -17,15 +17,14 @@ from contextlib import ExitStack
 from pathlib import Path
 from typing import Any
 
+from device import alone, namespaces
 from device.architecture import architecture
-from device.base_directory import base_directory
 from device.bundles import SUCCEEDING_SCRIPT, Bundle, make_bundle, sign
-from device.entering import enter, join_mounts
 from device.https_server import AUTHORITY, HOST, Content, Server, authority
 from device.keys import Keys
 from device.rootfs import DAEMON, fill, make_null_device
 from device.run import Run
-from device.services import Shell, TransferService, start_bus
+from device.services import TRANSFER_SERVICE, Shell, TransferService, enter, set_property, start_bus
 from device.syslog_receiver import SyslogReceiver
 
 ARCHIVE = "/zelo_installer.tar.gz"
@@ -41,6 +40,7 @@ class VirtualDevice:
     `build` is the build directory of the daemon. `files` puts further files into the root or replaces
     programs (see `rootfs.fill`).
     The keys "prod" and "dev" are installed, and the address of the metadata document is configured.
+    Only a process that `device.alone` has started can have one.
     """
 
     def __init__(self, build: str | Path, files: Mapping[str, Path] | None = None):
@@ -48,12 +48,11 @@ class VirtualDevice:
         self._files = files or {}
         self._launcher = architecture(build / "zeloinstall").launcher
         self._numbers = itertools.count(1)
-        self._join: list[str] = []  # what has the daemon see the transfer service's mounts
         self.keys = Keys(build / "device" / "keys")
 
     def __enter__(self) -> "VirtualDevice":
         with ExitStack() as stack:
-            self._base = stack.enter_context(base_directory())
+            self._base = stack.enter_context(alone.directory())
             self.root = self._base / "root"
             fill(self.root, self._build, self._files)
             self._configure()
@@ -137,34 +136,31 @@ class VirtualDevice:
             return None
         return None if kind == fcntl.F_UNLCK else pid
 
-    def restart_transfers(self, mounts: Sequence[str] = ()) -> None:
-        """Starts the transfer service anew.
-
-        `mounts` are steps of `entering`; the daemon sees them too when it is started afterwards.
-        """
+    def restart_transfers(self) -> None:
         self.transfers.stop()
-        self.transfers = TransferService(self._base, self.root, mounts)
-        self._join = join_mounts(self.transfers.process.pid) if mounts else []
+        self.transfers = TransferService(self._base, self.root)
 
-    def defer_transfers(self, code: int | None) -> None:
-        """Has the transfer service put off all transfers with a deferred code, until it gets None."""
-        file = self.path("/run/transfer/deferred")
-        if code is None:
-            file.unlink()
-        else:
-            file.write_text(f"{code}\n")
+    def mount_tmpfs(self, path: str, size: int) -> None:
+        """Covers a directory with an empty file system of so many bytes; only where `alone.confined`."""
+        namespaces.mount("-t", "tmpfs", "-o", f"size={size},mode=1777", "tmpfs", self.path(path))
 
-    def start(self, *, prefix: Sequence[str] = (), last: Sequence[str] = (),
-              env: Mapping[str, str] | None = None, **popen: Any) -> Run:
+    def defer_transfers(self, code: int) -> None:
+        """Makes the transfer service put off all transfers with a deferred code; 0 lets them go on."""
+        if not set_property(self.root, TRANSFER_SERVICE, "deferred", f"int32:{code}"):
+            raise RuntimeError("the transfer service cannot be told")
+
+    def start(self, *, prefix: Sequence[str] = (), env: Mapping[str, str] | None = None,
+              **popen: Any) -> Run:
         """Starts the daemon, with an empty environment unless told otherwise.
 
-        `prefix` starts it from outside the root, e.g. setarch; for `last` see `enter`. Further arguments go
-        to `subprocess.Popen`, e.g. `preexec_fn`.
+        It leads a session, so that a script that signals its process group reaches nothing else. `prefix`
+        starts it from outside the root, e.g. setarch. Further arguments go to `subprocess.Popen`.
         """
         output = self._base / f"output.{next(self._numbers)}"
-        command = [*prefix, *self._join, *enter(str(self.root), (), last), *self._launcher, DAEMON]
+        command = [*prefix, *enter(self.root), *self._launcher, DAEMON]
         with open(output, "wb") as sink:
-            popen = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink, **popen}
+            popen = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink,
+                     "start_new_session": True, **popen}
             process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **popen)
         run = Run(process, output, self.syslog)
         self._runs.callback(run.stop)
@@ -173,7 +169,7 @@ class VirtualDevice:
     def popen(self, command: Sequence[str], **popen: Any) -> subprocess.Popen[bytes]:
         """Starts any program inside the root; whoever asks for it waits for its end."""
         popen = {"env": {}, "cwd": self._base, "stdin": subprocess.DEVNULL, **popen}
-        return subprocess.Popen([*enter(str(self.root)), *command], **popen)
+        return subprocess.Popen([*enter(self.root), *command], **popen)
 
     def log_lines(self) -> list[str]:
         """The texts of all that was logged on the device."""
@@ -189,6 +185,8 @@ class VirtualDevice:
 
     def _configure(self) -> None:
         make_null_device(self.path("/dev/null"))
+        if os.environ.get("ZELO_DEVICE_PROC"):  # which the sanitizers read
+            namespaces.mount("--bind", "/proc", self.path("/proc"))
         self.write("/etc/hosts", f"127.0.0.1 localhost {HOST}\n")
         self.write("/etc/nsswitch.conf", "hosts: files\n")
         self.write("/etc/device-info", DEVICE_INFO)
@@ -197,7 +195,7 @@ class VirtualDevice:
             self.install_key(f"/etc/zelo/pubkey{name}.pem", name)
 
     def _try_a_program(self) -> None:
-        trial = [*enter(str(self.root)), "/bin/sh", "-c", ":"]
+        trial = [*enter(self.root), "/bin/sh", "-c", ":"]
         done = subprocess.run(trial, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
         if done.returncode != 0:
             raise RuntimeError("the virtual device needs root or unprivileged user namespaces, and must be "

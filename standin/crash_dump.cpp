@@ -11,9 +11,6 @@ namespace {
 
 constexpr std::array<int, 7> fatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS, SIGTRAP};
 
-// For a handler that runs because the ordinary stack is used up.
-alignas(16) std::array<char, 32768> g_handler_stack;
-
 std::array<void*, 64> g_frames;
 
 void say(const char* text) {
@@ -36,13 +33,13 @@ void dump(int signum) {
 void ctrap_register_signal_handlers() {
   backtrace(g_frames.data(), 1);  // the first call allocates, which a handler must not
 
-  stack_t stack{};
-  stack.ss_sp = g_handler_stack.data();
-  stack.ss_size = g_handler_stack.size();
-  const bool hasStack = sigaltstack(&stack, nullptr) == 0;
-
   struct sigaction action = {};
   action.sa_handler = dump;
-  action.sa_flags = static_cast<int>(SA_RESETHAND) | (hasStack ? SA_ONSTACK : 0);
-  for (const int signum : fatalSignals) sigaction(signum, &action, nullptr);
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  for (const int signum : fatalSignals) {
+    struct sigaction present = {};
+    // What the program handles itself is its business.
+    if (sigaction(signum, nullptr, &present) == 0 && present.sa_handler == SIG_DFL)
+      sigaction(signum, &action, nullptr);
+  }
 }

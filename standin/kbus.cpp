@@ -34,8 +34,8 @@ void endWithStatusOneOnFatalErrors() {
       nullptr);
 }
 
-// On a thread of its own: GIO's thread is born there, with signals blocked, and a bus that never answers
-// keeps neither the caller nor the signals that end it waiting for longer.
+// On another thread: GIO's thread starts there, with signals blocked, and the caller can give up a bus that
+// never answers. One that falls silent after the authentication takes GIO's own 25 s.
 kbus::Connection connectInTime(kbus::Error& error) {
   const std::unique_ptr<GCancellable, kbus::Unref> cancellable(g_cancellable_new());
   std::future<kbus::Connection> connecting;

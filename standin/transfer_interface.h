@@ -5,6 +5,9 @@
 /// A client numbers its own transfers. It gets `Progress` as signals, which nobody else gets, until it
 /// calls `Finish`, whose answer comes when nothing works on the transfer any more, or vanishes from the
 /// bus. Addresses and paths are bytes, which need not be UTF-8.
+///
+/// While the property `deferred` is not 0, all transfers are put off with that deferred code; after that
+/// they begin again.
 namespace xfr::service {
 
 inline constexpr const char* name = "com.qorvex.transfer";  // of the object and its interface as well
@@ -14,9 +17,8 @@ inline constexpr const char* description =
     "<method name='Initiate'>"
     "<arg name='id' type='i'/><arg name='address' type='ay'/><arg name='destination' type='ay'/>"
     "</method>"
-    "<method name='Suspend'><arg name='id' type='i'/></method>"
-    "<method name='Resume'><arg name='id' type='i'/></method>"
     "<method name='Finish'><arg name='id' type='i'/></method>"
+    "<property name='deferred' type='i' access='write'/>"
     "<signal name='Progress'>"
     "<arg name='id' type='i'/><arg name='state' type='i'/><arg name='error_code' type='i'/>"
     "<arg name='deferred_code' type='i'/>"

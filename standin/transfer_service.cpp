@@ -1,11 +1,5 @@
-/// The device's transfer service: downloads for whoever asks on the bus, see transfer_interface.h.
-///
-/// While there is a file /run/transfer/deferred with a number in it, all transfers are put off with that
-/// deferred code; when it is gone they begin anew.
+/// The device's transfer service: downloads for its clients on the bus, see transfer_interface.h.
 
-#include <sys/stat.h>
-
-#include <fstream>
 #include <map>
 #include <string>
 #include <string_view>
@@ -18,16 +12,7 @@
 
 namespace {
 
-constexpr const char* directory = "/run/transfer";
-constexpr const char* deferralFile = "/run/transfer/deferred";
 constexpr int transferring = 4;
-constexpr guint lookMilliseconds = 50;
-
-int readDeferredCode() {
-  int code = 0;
-  std::ifstream(deferralFile) >> code;
-  return code;
-}
 
 void answer(GDBusMethodInvocation* call) {
   g_dbus_method_invocation_return_value(call, nullptr);
@@ -37,17 +22,13 @@ struct Transfer {
   std::string address;
   std::string destination;
   std::unique_ptr<Download> download;  // while curl runs
-  bool suspended = false;
   bool finished = false;
   GDBusMethodInvocation* finishing = nullptr;  // the call that is answered when curl has ended
 };
 
 class TransferService {
  public:
-  void begin(GDBusConnection* bus) {
-    bus_ = bus;
-    putOff(readDeferredCode());
-  }
+  void begin(GDBusConnection* bus) { bus_ = bus; }
   void handle(const std::string& client, std::string_view method, GVariant* arguments,
               GDBusMethodInvocation* call);
   void putOff(int deferredCode);
@@ -72,15 +53,15 @@ class TransferService {
 // Brings a transfer's work in line with what is wanted of it.
 void TransferService::proceed(Transfers::iterator entry) {
   Transfer& transfer = entry->second;
-  const bool wanted = !transfer.finished && !transfer.suspended && deferredCode_ == 0;
   if (transfer.download) {
-    if (!wanted) transfer.download->stop();  // comes back here when curl has ended
+    // Comes back here when curl has ended.
+    if (transfer.finished || deferredCode_ != 0) transfer.download->stop();
   } else if (transfer.finished) {
     if (transfer.finishing != nullptr) answer(transfer.finishing);
     transfers_.erase(entry);
   } else if (deferredCode_ != 0) {
     report(entry, xfr::transferDeferred, 0);
-  } else if (wanted) {
+  } else {
     start(entry);
   }
 }
@@ -117,28 +98,23 @@ void TransferService::finish(Transfers::iterator entry, GDBusMethodInvocation* c
 
 void TransferService::handle(const std::string& client, std::string_view method, GVariant* arguments,
                              GDBusMethodInvocation* call) {
-  putOff(readDeferredCode());  // a file that is there before the request holds for it
   int id = 0;
   g_variant_get_child(arguments, 0, "i", &id);
   auto entry = transfers_.find({client, id});
-  if (method == "Initiate") {
-    if (entry != transfers_.end()) {
-      return g_dbus_method_invocation_return_error(call, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
-                                                   "another transfer has the number %d", id);
-    }
-    const char* address = nullptr;
-    const char* destination = nullptr;
-    g_variant_get(arguments, "(i^&ay^&ay)", nullptr, &address, &destination);
-    entry = transfers_.try_emplace({client, id}).first;
-    entry->second.address = address;
-    entry->second.destination = destination;
-  } else if (entry == transfers_.end()) {  // it has ended by itself
-    return answer(call);
-  } else if (method == "Finish") {
-    return finish(entry, call);
-  } else {
-    entry->second.suspended = method == "Suspend";
+  if (method == "Finish") {
+    if (entry != transfers_.end()) return finish(entry, call);
+    return answer(call);  // it has ended by itself
   }
+  if (entry != transfers_.end()) {
+    return g_dbus_method_invocation_return_error(call, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+                                                 "another transfer has the number %d", id);
+  }
+  const char* address = nullptr;
+  const char* destination = nullptr;
+  g_variant_get(arguments, "(i^&ay^&ay)", nullptr, &address, &destination);
+  entry = transfers_.try_emplace({client, id}).first;
+  entry->second.address = address;
+  entry->second.destination = destination;
   answer(call);
   proceed(entry);
 }
@@ -170,9 +146,11 @@ void ownerChanged(GDBusConnection* /*bus*/, const gchar* /*sender*/, const gchar
   if (*newOwner == '\0') static_cast<TransferService*>(service)->clientIsGone(name);
 }
 
-gboolean lookForDeferral(gpointer service) {
-  static_cast<TransferService*>(service)->putOff(readDeferredCode());
-  return G_SOURCE_CONTINUE;
+gboolean setDeferred(GDBusConnection* /*bus*/, const gchar* /*sender*/, const gchar* /*path*/,
+                     const gchar* /*interface*/, const gchar* /*property*/, GVariant* value,
+                     GError** /*error*/, gpointer service) {
+  static_cast<TransferService*>(service)->putOff(g_variant_get_int32(value));
+  return TRUE;
 }
 
 void prepare(GDBusConnection* bus, gpointer service) {
@@ -185,9 +163,7 @@ void prepare(GDBusConnection* bus, gpointer service) {
 }  // namespace
 
 int main() {
-  mkdir(directory, 0755);
   TransferService service;
-  g_timeout_add(lookMilliseconds, lookForDeferral, &service);
-  return kbus::serve(xfr::service::name, xfr::service::description, {handleCall, nullptr, nullptr, {}},
+  return kbus::serve(xfr::service::name, xfr::service::description, {handleCall, nullptr, setDeferred, {}},
                      &service, prepare);
 }

@@ -1,6 +1,5 @@
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "standin/bus_service.h"
 
@@ -10,7 +9,7 @@ namespace {
 constexpr const char* service = "com.qorvex.vestrel";
 constexpr const char* interfaceDescription =
     "<node><interface name='com.qorvex.vestrel'>"
-    "<property name='load' type='s' access='readwrite'/></interface></node>";
+    "<property name='load' type='s' access='write'/></interface></node>";
 
 struct CodeText {
   const char* code;
@@ -30,15 +29,9 @@ const char* textOf(const char* code) {
   return "An unknown error occurred.";
 }
 
-GVariant* getLoad(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*path*/,
-                  const char* /*interface*/, const char* /*property*/, GError** /*error*/, gpointer load) {
-  return g_variant_new_string(static_cast<std::string*>(load)->c_str());
-}
-
 gboolean setLoad(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*path*/,
                  const char* /*interface*/, const char* /*property*/, GVariant* value, GError** /*error*/,
-                 gpointer load) {
-  *static_cast<std::string*>(load) = g_variant_get_string(value, nullptr);
+                 gpointer /*unused*/) {
   (void)std::printf("vestrel: load = %s\n", g_variant_get_string(value, nullptr));
   return TRUE;
 }
@@ -51,7 +44,7 @@ void hearEvent(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*p
   (void)std::printf("vestrel: %s %s: %s\n", event, code, textOf(code));
 }
 
-void listen(GDBusConnection* bus, gpointer /*load*/) {
+void listen(GDBusConnection* bus, gpointer /*unused*/) {
   g_dbus_connection_signal_subscribe(bus, nullptr, "com.qorvex.vestrel.zelo", nullptr, nullptr, nullptr,
                                      G_DBUS_SIGNAL_FLAGS_NONE, hearEvent, nullptr, nullptr);
 }
@@ -59,6 +52,5 @@ void listen(GDBusConnection* bus, gpointer /*load*/) {
 }  // namespace
 
 int main() {
-  std::string load;
-  return kbus::serve(service, interfaceDescription, {nullptr, getLoad, setLoad, {}}, &load, listen);
+  return kbus::serve(service, interfaceDescription, {nullptr, nullptr, setLoad, {}}, nullptr, listen);
 }

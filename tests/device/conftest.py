@@ -5,6 +5,7 @@ from pathlib import Path
 
 import pytest
 
+from device import alone
 from device.architecture import architecture
 from device.cases import ready_device
 from device.gate import Gate
@@ -23,6 +24,12 @@ def plain(build: Path) -> bool:
 def plain_only(plain: bool) -> None:
     if not plain:
         pytest.skip("an emulator or a sanitizer has needs of its own")
+
+
+@pytest.fixture
+def confined_only() -> None:
+    if not alone.confined():
+        pytest.skip("no namespaces are allowed here")
 
 
 @pytest.fixture

@@ -118,8 +118,7 @@ def try_out(build: Path, attempt: Attempt, outcomes: Counter[tuple[object, ...]]
         for part in kept:
             shutil.rmtree(device.path(part))
             device.path(f"/kept{part}").rename(device.path(part))
-        for path in (INSTALLED, "/run/transfer/deferred"):
-            device.path(path).unlink(missing_ok=True)
+        device.path(INSTALLED).unlink(missing_ok=True)
         device.marker(False)
         device.publish(good)
         device.restart_transfers()

@@ -12,7 +12,6 @@ import pytest
 from device import demo
 from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT,
                           Case, defaulted, ended, own_lines, script)
-from device.entering import mounts_allowed, tmpfs
 from device.https_server import Content, Drop, Redirect, Status
 from device.run import Run
 from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
@@ -68,12 +67,12 @@ def test_code_of_a_long_line_is_logged(device: VirtualDevice) -> None:
     assert [line[-8:] for line in run.log_lines() if "zelo exception" in line] == [" code=02"]
 
 
-@pytest.mark.skipif(not mounts_allowed(), reason="no mounts are allowed here")
+@pytest.mark.usefixtures("confined_only")
 def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
     """With a page more each time: none for the signature, the archive, its decoded signature, run.sh."""
     script("echo > /run/installed")(device)
     for pages, code in enumerate(["02", "02", "00", "01", None], start=1):
-        device.restart_transfers([tmpfs("/tmp", str(pages * os.sysconf("SC_PAGE_SIZE")))])
+        device.mount_tmpfs("/tmp", pages * os.sysconf("SC_PAGE_SIZE"))
         run = device.start()
         assert run.wait() == 0
         assert [line[-2:] for line in run.log_lines() if ". code=" in line] == ([code] if code else []), pages

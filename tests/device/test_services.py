@@ -4,25 +4,28 @@ import os
 import signal
 from pathlib import Path
 
+import pytest
+
 from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, RETRIES, SEND_EVENT, SET_PROP, STAGES, TIMEOUT,
                           ended, going_down, own_lines, script)
-from device.entering import AS_ROOT
 from device.gate import until
 from device.https_server import Content, Stall
 from device.virtual_device import ARCHIVE, VirtualDevice
 
 
+@pytest.mark.usefixtures("confined_only")
 def test_daemon_opens_no_connection(device: VirtualDevice) -> None:
     """It installs from where there is no network."""
-    run = device.start(prefix=["/usr/bin/unshare", *([] if AS_ROOT else ["-r"]), "-n"])
+    run = device.start(prefix=["/usr/bin/unshare", "--net"])
     assert run.wait() == 0 and own_lines(device) == [*STAGES, END]
     assert device.path(INSTALLED).exists()
 
 
+@pytest.mark.usefixtures("confined_only")
 def test_first_process_of_a_container(device: VirtualDevice) -> None:
     """Signals have no default action there: its exit status tells which one ended it."""
     script("kill -TERM $PPID")(device)
-    run = device.start(prefix=["/usr/bin/unshare", *([] if AS_ROOT else ["-r"]), "--pid", "--fork"])
+    run = device.start(prefix=["/usr/bin/unshare", "--pid", "--fork"])
     assert run.wait() == 128 + signal.SIGTERM and own_lines(device) == [*STAGES, going_down(signal.SIGTERM)]
 
 

@@ -45,7 +45,7 @@ class Moment:
         """The run, and the program in which it stands if there is one."""
         self.event.clear()
         device.server.requests.clear()
-        run = device.start(start_new_session=True)
+        run = device.start()
         if self.place not in ("pause", DOCUMENT, ARCHIVE):
             return run, gate.wait()
         until(lambda: len(device.server.requests) == self.requests)

@@ -47,7 +47,7 @@ def test_what_the_script_inherits(device: VirtualDevice, gate: Gate) -> None:
     script(Gate.WAIT)(device)
     for state in STATES:
         before = device.work_directories()
-        run = device.start(last=[sys.executable, "-ISc", STARTER, json.dumps(state)])
+        run = device.start(prefix=[sys.executable, "-ISc", STARTER, json.dumps(state)])
         found = found_by(gate.wait())
         gate.open()
         [work] = set(device.work_directories()) - set(before)

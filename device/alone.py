@@ -1,0 +1,125 @@
+"""Runs a command alone: /usr/bin/python3 -m device.alone COMMAND [ARGUMENT]...
+
+The command gets namespaces for its users, processes and mounts, and a directory in memory that only it sees.
+When it ends, or the process that was started ends, whatever the reason, all of that is gone.
+
+Where namespaces are refused, e.g. in a plain container, the directory is one under /tmp. What the command
+leaves is ended and removed afterwards; but after SIGKILL, some of it may stay.
+"""
+
+import os
+import signal
+import subprocess
+import sys
+import tempfile
+from collections.abc import Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+from device import namespaces
+
+SHARED_MEMORY = "/dev/shm"  # on every machine, and short: the path of a socket holds 108 bytes
+VARIABLE = "ZELO_ALONE"  # says where the directory is
+PASSED_ON = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT}
+FROM_TERMINAL = 128  # SI_KERNEL of <signal.h>
+
+
+def place() -> Path:
+    """The directory for everything that goes with this command."""
+    try:
+        return Path(os.environ[VARIABLE])
+    except KeyError:
+        raise RuntimeError("start this with: /usr/bin/python3 -m device.alone") from None
+
+
+def confined() -> bool:
+    """Whether there are namespaces: mounts are allowed, and nobody else sees them."""
+    return place().is_mount()
+
+
+@contextmanager
+def directory() -> Iterator[Path]:
+    """A new directory for as long as the context, with all that is put or mounted there."""
+    path = Path(tempfile.mkdtemp(dir=place()))
+    if confined():
+        namespaces.mount("-t", "tmpfs", "tmpfs", path)
+    try:
+        yield path
+    finally:
+        if confined():
+            subprocess.run(["/usr/bin/umount", "--lazy", path], check=True)
+        _remove(path)
+
+
+def enter() -> None:
+    """Returns in a new process, which is alone. The one that calls this ends as the new one does."""
+    before = signal.pthread_sigmask(signal.SIG_BLOCK, {*PASSED_ON, signal.SIGCHLD})
+    # What runs alone may start others like that, which see its files.
+    memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
+    first = namespaces.enter(memory)
+    if not first:
+        namespaces.adopt_orphans()
+        memory = tempfile.mkdtemp(prefix="zdev.", dir="/tmp")
+    os.environ[VARIABLE] = os.environ["TMPDIR"] = memory
+    command = os.fork()
+    if command == 0:
+        if not first:
+            namespaces.die_with_parent(signal.SIGTERM)
+        if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
+            signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C shows a traceback
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
+        return
+
+    status = _attend(command)
+    if first:
+        os.kill(first, signal.SIGKILL)
+        os.waitpid(first, 0)  # returns when all have ended
+    else:
+        _end_children()
+        _remove(place())
+    if status < 0:
+        if status != -signal.SIGKILL:
+            signal.signal(-status, signal.SIG_DFL)
+            signal.pthread_sigmask(signal.SIG_UNBLOCK, {-status})
+        os.kill(os.getpid(), -status)
+    os._exit(status)
+
+
+def _attend(command: int) -> int:
+    """The exit status or the negative signal number of the command, once it has ended."""
+    while True:
+        got = signal.sigwaitinfo({*PASSED_ON, signal.SIGCHLD})
+        # The terminal sends it to the command, too.
+        if got.si_signo in PASSED_ON and got.si_code != FROM_TERMINAL:
+            os.kill(command, got.si_signo)
+        pid, status = os.waitpid(command, os.WNOHANG)
+        if pid == command:
+            return os.waitstatus_to_exitcode(status)
+
+
+def _end_children() -> None:
+    """With those that have lost their parents."""
+    while True:
+        for pid in Path(f"/proc/self/task/{os.getpid()}/children").read_text().split():
+            os.kill(int(pid), signal.SIGKILL)
+        try:
+            os.wait()
+        except ChildProcessError:
+            return
+
+
+def _remove(path: Path) -> None:
+    subprocess.run(["rm", "-rf", "--one-file-system", path], check=True)
+
+
+if __name__ == "__main__":
+    if len(sys.argv) == 1:
+        sys.exit(__doc__)
+    enter()
+    for signum in (signal.SIGPIPE, signal.SIGXFSZ):  # which the interpreter ignores
+        signal.signal(signum, signal.SIG_DFL)
+    try:
+        os.execvp(sys.argv[1], sys.argv[1:])
+    except OSError as error:
+        print(f"alone: {sys.argv[1]}: {error.strerror}", file=sys.stderr)
+        sys.exit(127)

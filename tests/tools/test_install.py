@@ -4,65 +4,86 @@ import os
 import re
 import shutil
 import subprocess
-from collections.abc import Callable
 from pathlib import Path
 
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
-BUILD = Path(os.environ.get("ZELO_BUILD_DIR", ROOT / "build" / "release"))
-PLATFORM = BUILD / "standin" / "libzelo_platform.so"
-DOCUMENTS = {"copyright", "changelog"}
-DAEMON = {"sbin/zeloinstall", "lib/tmpfiles.d/zeloinstall.conf", "share/man/man8/zeloinstall.8",
-          *(f"lib/systemd/system/zeloinstall.{kind}" for kind in ("service", "timer")),
-          *(f"share/doc/zeloinstall/{name}" for name in DOCUMENTS | {"README.md", "fleet.md"})}
-TOOLS = {*(f"{place}{name}-bundle{end}" for name in ("make", "check") for place, end in (
-             ("bin/zelo-", ""), ("share/man/man1/zelo-", ".1"), ("share/zelo-bundle-tools/", ""))),
-         *(f"share/zelo-bundle-tools/{module.name}" for module in (ROOT / "tools").glob("*.py")),
-         *(f"share/doc/zelo-bundle-tools/{name}" for name in DOCUMENTS)}
+PAGES = sorted((ROOT / "doc").glob("*.[158]"))
+DAEMON = {
+    "lib/systemd/system/zeloinstall.service",
+    "lib/systemd/system/zeloinstall.timer",
+    "lib/tmpfiles.d/zeloinstall.conf",
+    "sbin/zeloinstall",
+    "share/doc/zeloinstall/README.md",
+    "share/doc/zeloinstall/changelog",
+    "share/doc/zeloinstall/copyright",
+    "share/doc/zeloinstall/fleet.md",
+    "share/man/man8/zeloinstall.8",
+}
+STANDIN = {
+    "lib/zeloinstall/libzelo_platform.so.1",
+    "lib/zeloinstall/libzelo_platform.so.1.0.0",
+}
 
 
-def host_build() -> Path:
-    return BUILD
+@pytest.fixture
+def installed(build: Path) -> Path:
+    """Where the tests install to."""
+    directory = build / "install" / "root"
+    shutil.rmtree(directory, ignore_errors=True)
+    return directory
 
 
-def device_build() -> Path:
-    """A build against libraries from elsewhere; kept, so that the next test builds only what has changed."""
-    build = BUILD / "install" / "device-build"
-    subprocess.run(["cmake", "-S", ROOT, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
-                    f"-DZELO_PLATFORM_LIBRARIES={PLATFORM}", "-DZELO_TESTS=OFF"], check=True)
-    subprocess.run(["cmake", "--build", build], check=True)
-    return build
-
-
-@pytest.mark.parametrize("make, component, files", [
-    (device_build, "daemon", DAEMON),
-    (host_build, "daemon", DAEMON | {f"lib/zeloinstall/libzelo_platform.so.1{end}" for end in ("", ".0.0")}),
-    (host_build, "tools", TOOLS),
-])
-def test_installed_files(make: Callable[[], Path], component: str, files: set[str]) -> None:
-    build = make()
-    destination = BUILD / "install" / "root"
-    shutil.rmtree(destination, ignore_errors=True)
+def install(build: Path, destination: Path, component: str) -> set[str]:
+    """The files that are installed under /usr."""
     subprocess.run(["cmake", "--install", build, "--prefix", "/usr", "--component", component], check=True,
                    env={**os.environ, "DESTDIR": str(destination)})
-    found = {str(path.relative_to(destination)) for path in destination.rglob("*") if not path.is_dir()}
+    files = {str(path.relative_to(destination / "usr")) for path in destination.rglob("*")
+             if not path.is_dir()}
     # A build that was configured for /usr has its libraries in the multiarch directory.
-    assert {re.sub(r"/\w+-linux-\w+/", "/", path) for path in found} == {f"usr/{name}" for name in files}
-    if component == "daemon":
-        unit = (destination / "usr/lib/systemd/system/zeloinstall.service").read_text()
-        assert "\nExecStart=/usr/sbin/zeloinstall\n" in unit
-        # A device has its own place for the platform's libraries, and no other is searched.
-        daemon = destination / "usr/sbin/zeloinstall"
-        listing = subprocess.run(["ldd", daemon], capture_output=True, text=True, check=True).stdout
-        assert ("not found" in listing) == (make == device_build), listing
+    return {re.sub(r"/\w+-linux-\w+/", "/", file) for file in files}
 
 
-def test_version_is_the_same_everywhere() -> None:
-    cache = (BUILD / "CMakeCache.txt").read_text()
-    version = re.findall(r"CMAKE_PROJECT_VERSION:\w+=(.+)", cache)[0]
-    notes = subprocess.check_output(["readelf", "--notes", BUILD / "zeloinstall"], text=True)
+def missing_libraries(daemon: Path) -> list[str]:
+    listing = subprocess.run(["ldd", daemon], capture_output=True, text=True, check=True).stdout
+    return re.findall(r"(\S+) => not found", listing)
+
+
+def test_daemon_with_the_stand_in(build: Path, installed: Path) -> None:
+    assert install(build, installed, "daemon") == DAEMON | STANDIN
+    assert missing_libraries(installed / "usr/sbin/zeloinstall") == []
+    unit = (installed / "usr/lib/systemd/system/zeloinstall.service").read_text()
+    assert "\nExecStart=/usr/sbin/zeloinstall\n" in unit
+
+
+def test_daemon_for_a_device(build: Path, installed: Path) -> None:
+    """Built against libraries from elsewhere, which no place but the device's own is searched for."""
+    elsewhere = build / "install" / "device-build"  # kept: the next time builds only what has changed
+    library = build / "standin" / "libzelo_platform.so"
+    subprocess.run(["cmake", "-S", ROOT, "-B", elsewhere, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+                    f"-DZELO_PLATFORM_LIBRARIES={library}", "-DZELO_TESTS=OFF"], check=True)
+    subprocess.run(["cmake", "--build", elsewhere], check=True)
+    assert install(elsewhere, installed, "daemon") == DAEMON
+    assert missing_libraries(installed / "usr/sbin/zeloinstall") == ["libzelo_platform.so.1"]
+
+
+def test_tools(build: Path, installed: Path) -> None:
+    version = (ROOT / "VERSION").read_text()
+    files = install(build, installed, "tools")
+    assert "share/doc/zelo-bundle-tools/examples/run.sh" in files
+    for name in ("zelo-make-bundle", "zelo-check-bundle"):
+        said = subprocess.check_output([installed / "usr/bin" / name, "--version"], text=True)
+        assert said == f"{name} {version}"
+    assert {file for file in files if "/man/" in file} == {
+        "share/man/man1/zelo-check-bundle.1", "share/man/man1/zelo-make-bundle.1",
+        "share/man/man5/zelo-bundle.5"}
+
+
+def test_version_is_the_same_everywhere(build: Path) -> None:
+    version = (ROOT / "VERSION").read_text().strip()
+    notes = subprocess.check_output(["readelf", "--notes", build / "zeloinstall"], text=True)
     assert f'{{"type":"deb","name":"zeloinstall","version":"{version}"}}\n' in notes
     assert (ROOT / "CHANGELOG.md").read_text().startswith(f"# Changes\n\n## {version}\n")
-    for page in (ROOT / "doc").glob("*.[18]"):
+    for page in PAGES:
         assert f'\n.Os "zeloinstall {version}"\n' in page.read_text(), page

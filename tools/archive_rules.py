@@ -42,7 +42,7 @@ def check_archive(archive: Path, directory: Path, report: Report, secret: bytes 
         (directory / name).touch()
     done = run("tar", "-xzf", archive.absolute(), "-C", directory)
     if done.returncode != 0:
-        report.error("archive-not-unpacked", archive, f"does not unpack: {why_not(archive, done.stderr)}")
+        report.error("archive-not-unpacked", archive, f"cannot be unpacked: {why_not(archive, done.stderr)}")
         return
     try:
         with tarfile.open(archive, "r:gz") as tar:
@@ -80,9 +80,9 @@ def remarks_on(member: tarfile.TarInfo) -> Iterator[tuple[str, str]]:
     if name in RESERVED:
         yield "member-reserved", "the name of one of the daemon's own files"
     if name == "." and member.mode != WORK_DIRECTORY_MODE:
-        yield "member-work-directory", f"gives the daemon's work directory the mode {member.mode:04o}"
+        yield "member-work-directory", f"sets the mode of the daemon's work directory to {member.mode:04o}"
     if not (member.isreg() or member.isdir() or member.issym() or member.islnk()):
-        yield "member-special", "neither a file, a directory nor a link"
+        yield "member-special", "not a file, directory or link"
     # The device goes by the names where it knows them.
     if (member.uid, member.gid) != (0, 0) or not {member.uname, member.gname} <= {"", "root"}:
         yield ("member-owner", f"belongs to {member.uname or member.uid}:{member.gname or member.gid} "

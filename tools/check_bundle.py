@@ -18,7 +18,7 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("key", metavar="PUBLIC_KEY", type=Path,
                         help="public key (PEM) that is installed on the devices")
     parser.add_argument("--strict", action="store_true", help="warnings count like errors")
-    parser.add_argument("--info", action="store_true", help="also say what the bundle holds and needs")
+    parser.add_argument("--info", action="store_true", help="also print what the bundle contains and needs")
     parser.add_argument("--version", action="version", version=version())
     return parser.parse_args()
 

@@ -16,10 +16,13 @@ def check_document(document: Path, report: Report) -> str | None:
     members = read_members(document, report)
     if members is None:
         return None
-    address, signature = (text_member(name, members, document, report) for name in ("url", "signature"))
-    if address is not None:
-        check_address(address, document, report)
-    return signature
+    texts = {name: value for name, value in members.items() if isinstance(value, str)}
+    for name in ("url", "signature"):
+        if name not in texts:
+            report.error("document-member-missing", document, f"no string member {name}")
+    if "url" in texts:
+        check_address(texts["url"], document, report)
+    return texts.get("signature")
 
 
 def read_members(document: Path, report: Report) -> dict[str, object] | None:
@@ -41,17 +44,9 @@ def read_members(document: Path, report: Report) -> dict[str, object] | None:
     return members
 
 
-def text_member(name: str, members: dict[str, object], document: Path, report: Report) -> str | None:
-    value = members.get(name)
-    if not isinstance(value, str):
-        report.error("document-member-missing", document, f"no string member {name}")
-        return None
-    return value
-
-
 def check_address(url: str, document: Path, report: Report) -> None:
     if re.search(r"[\0- \x7f]", url):
-        report.error("address-malformed", document, f"address {url!r}: holds a blank or a control character")
+        report.error("address-malformed", document, f"address {url!r}: contains a space or control character")
         return
     try:
         parts = urlsplit(url)
@@ -67,5 +62,5 @@ def check_address(url: str, document: Path, report: Report) -> None:
     elif OWN_HOST.fullmatch(host):
         report.error("address-own", document, f"address {url}: devices refuse their own address {host}")
     if not url.isascii():
-        report.warning("address-not-ascii", document, f"address {url}: holds characters that are not ASCII")
+        report.warning("address-not-ascii", document, f"address {url}: contains non-ASCII characters")
     report.facts["address"] = url

@@ -18,9 +18,9 @@ def describe_key(key: Path, report: Report) -> str | None:
     size = re.search(rb"Public-Key: \(([0-9]+) bit", done.stdout)
     # Some versions of openssl take the public half of a private key.
     if b"PRIVATE KEY-----" in text:
-        report.error("key-private", key, "a private key, which must never get on a device")
+        report.error("key-private", key, "a private key, which no device may have")
     elif b"-----BEGIN CERTIFICATE-----" in text:
-        report.error("key-certificate", key, "a certificate; devices need the public key alone")
+        report.error("key-certificate", key, "a certificate; devices need the bare public key")
     elif done.returncode != 0:
         report.error("key-unreadable", key, "not a public key that openssl can read")
     elif not size:

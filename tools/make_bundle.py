@@ -29,14 +29,14 @@ def parse_arguments() -> argparse.Namespace:
         epilog=f"Writes {ARCHIVE} and {DOCUMENT} into the output directory, or nothing and the reasons on "
         "standard error. Exit status: 0 done, 1 the bundle cannot be made, 2 wrong usage.")
     parser.add_argument("source", metavar="SOURCE_DIR", type=Path,
-                        help=f"directory with the bundle's files, an executable {SCRIPT} among them")
+                        help=f"directory with the bundle's files, including an executable {SCRIPT}")
     signer = parser.add_mutually_exclusive_group(required=True)
     signer.add_argument("--key", type=Path, help="private key (PEM; RSA or EC) that signs the bundle")
     signer.add_argument("--sign-command", metavar="CMD", type=shlex.split,
                         help="command that signs the bundle: it gets the archive's path as its last argument "
                         "and prints the raw signature (of the SHA-256)")
     parser.add_argument("--passphrase-file", metavar="FILE", type=Path,
-                        help="file whose first line opens an encrypted --key (default: ask on the terminal)")
+                        help="file whose first line is the passphrase of --key (default: ask on the terminal)")
     verifier = parser.add_mutually_exclusive_group()
     verifier.add_argument("--public-key", metavar="FILE", type=Path,
                           help="public key (PEM) that the signature must verify with (default: --key's own)")
@@ -90,8 +90,8 @@ def passphrase(key: bytes, arguments: argparse.Namespace) -> bytes:
         os.close(os.open("/dev/tty", os.O_RDWR))
         return getpass.getpass(f"Passphrase of {arguments.key}: ").encode() + b"\n"
     except (OSError, EOFError):
-        raise Failure(f"{arguments.key}: is encrypted, and no terminal gave its passphrase; "
-                      "see --passphrase-file") from None
+        raise Failure(f"{arguments.key}: is encrypted, and no passphrase was entered; "
+                      "use --passphrase-file") from None
 
 
 def public_half(key: Path, opening: bytes) -> bytes:
@@ -105,7 +105,7 @@ def public_half(key: Path, opening: bytes) -> bytes:
 def sign_with_key(archive: Path, key: Path, opening: bytes) -> bytes:
     done = run("openssl", "dgst", "-sha256", "-passin", "stdin", "-sign", key, archive, entered=opening)
     if done.returncode != 0:
-        raise Failure(f"{key}: openssl does not sign with it: {done.stderr.decode(errors='replace').strip()}")
+        raise Failure(f"{key}: openssl cannot sign with it: {done.stderr.decode(errors='replace').strip()}")
     return done.stdout
 
 
@@ -116,7 +116,7 @@ def sign_with_command(archive: Path, command: list[str]) -> bytes:
     if done.returncode != 0:
         raise Failure(f"{command[0]} ended with status {done.returncode}")
     if done.stdout.isascii():
-        what = "text, not the signature's bytes" if done.stdout else "nothing"
+        what = "text instead of the signature's bytes" if done.stdout else "nothing"
         raise Failure(f"{command[0]} printed {what}")
     return done.stdout
 

@@ -15,7 +15,7 @@ def run(*command: str | Path, entered: bytes = b"") -> subprocess.CompletedProce
         done = subprocess.run(command, input=entered, capture_output=True, check=False, env=environment,
                               umask=0)
     except FileNotFoundError:
-        raise Failure(f"{command[0]} is needed, and not installed") from None
+        raise Failure(f"{command[0]} is not installed") from None
     if full := re.search(rb"No space left on device|Disk quota exceeded", done.stderr):
         raise Failure(f"{command[0]}: {full[0].decode()}")
     require_an_exit(str(command[0]), done.returncode)
@@ -24,4 +24,4 @@ def run(*command: str | Path, entered: bytes = b"") -> subprocess.CompletedProce
 
 def require_an_exit(program: str, returncode: int) -> None:
     if returncode < 0:
-        raise Failure(f"{program} was ended by {signal.Signals(-returncode).name}")
+        raise Failure(f"{program} was killed by {signal.Signals(-returncode).name}")

@@ -1,12 +1,13 @@
-"""What the kernel of a device, and a shell, make of a bundle's script."""
+"""What the kernel of a device, and its shell, make of a bundle's script."""
 
 import os
 import re
 import stat
+from collections.abc import Iterator
 from pathlib import Path
 
 from programs import run
-from report import Report
+from report import Finding, Report
 
 SCRIPT = "run.sh"
 SHELLS = ("sh", "ash", "dash")
@@ -24,52 +25,47 @@ def check_script(archive: Path, directory: Path, report: Report) -> None:
     script = directory / SCRIPT
     if not is_inside(directory, script):
         return  # to a file that is not the bundle's; the link has its warning
+    for severity, kind, text in faults(script, report.facts):
+        report.findings.append(Finding(severity, f"script-{kind}", archive, f"{SCRIPT}: {text}"))
+
+
+def faults(script: Path, facts: dict[str, object]) -> Iterator[tuple[str, str, str]]:
+    """Severity, kind and text of each."""
     try:
         mode = script.stat().st_mode
     except OSError as error:
-        report.error("script-missing", archive, f"{SCRIPT}: {error.strerror}")
+        yield "error", "missing", error.strerror
         return
     if not stat.S_ISREG(mode):
-        report.error("script-not-a-file", archive, f"{SCRIPT}: not a regular file")
+        yield "error", "not-a-file", "not a regular file"
         return
     if not mode & (stat.S_IXUSR | stat.S_IXGRP | stat.S_IXOTH):
-        report.error("script-not-executable", archive, f"{SCRIPT}: not executable")
+        yield "error", "not-executable", "not executable"
     text = script.read_bytes()
     line = text.partition(b"\n")[0]
     interpreter = re.match(rb"#![ \t]*([^ \t\0]+)", line)
     if text.startswith(b"\x7fELF"):
-        report.warning("script-is-a-program", archive,
-                       f"{SCRIPT}: a program, which runs only on devices that it was built for")
+        yield "warning", "is-a-program", "a program, which runs only on devices that it was built for"
     elif not interpreter:
-        report.error("script-without-interpreter", archive,
-                     f"{SCRIPT}: does not begin with an interpreter line (#!/...)")
+        yield "error", "without-interpreter", "does not begin with an interpreter line (#!/...)"
     elif b"\r" in line:
-        report.error("script-interpreter-carriage-return", archive,
-                     f"{SCRIPT}: the interpreter line holds a carriage return")
+        yield "error", "interpreter-carriage-return", "the interpreter line contains a carriage return"
     else:
-        check_interpreter(os.fsdecode(interpreter[1]), text, archive, report)
+        name = facts["interpreter"] = os.fsdecode(interpreter[1])
+        yield from text_faults(name, text)
 
 
-def check_interpreter(name: str, text: bytes, archive: Path, report: Report) -> None:
-    report.facts["interpreter"] = name
-    if not name.startswith("/"):
-        report.error("script-interpreter-relative", archive,
-                     f"{SCRIPT}: the interpreter {name} has no absolute path")
-    elif not os.path.exists(name):
-        report.warning("script-interpreter-missing", archive,
-                       f"{SCRIPT}: the interpreter {name} does not exist here; devices need it")
+def text_faults(interpreter: str, text: bytes) -> Iterator[tuple[str, str, str]]:
+    if not interpreter.startswith("/"):
+        yield "error", "interpreter-relative", f"the interpreter {interpreter} has no absolute path"
+    elif not os.path.exists(interpreter):
+        yield "warning", "interpreter-missing", f"its interpreter {interpreter} does not exist here"
     if b"\r\n" in text:
-        report.warning("script-carriage-returns", archive,
-                       f"{SCRIPT}: has lines that end with a carriage return (CR LF)")
-    if os.path.basename(name) in SHELLS:
-        check_shell_script(text, archive, report)
-
-
-def check_shell_script(text: bytes, archive: Path, report: Report) -> None:
-    if not STOPS_AT_FAILURE.search(text):
-        report.warning("script-without-set-e", archive,
-                       f"{SCRIPT}: has no set -e; it goes on after a command that failed")
-    done = run("sh", "-n", entered=text)
-    if done.returncode != 0:
-        report.warning("script-syntax", archive, f"{SCRIPT}: the shell here does not parse it: "
-                       f"{done.stderr.decode(errors='replace').partition(os.linesep)[0]}")
+        yield "warning", "carriage-returns", "has lines that end with CR LF"
+    if os.path.basename(interpreter) in SHELLS:
+        if not STOPS_AT_FAILURE.search(text):
+            yield "warning", "without-set-e", "has no set -e, so it continues after a command has failed"
+        parsed = run("sh", "-n", entered=text)
+        if parsed.returncode != 0:
+            reason = parsed.stderr.decode(errors="replace").partition("\n")[0]
+            yield "warning", "syntax", f"sh -n fails here: {reason}"

@@ -86,17 +86,17 @@ def judge(device: VirtualDevice, directory: Path, bundle: Bundle, code: str | No
 # An archive, the code that a device shows, and what the tool finds.
 ARCHIVES: dict[str, tuple[bytes, str | None, str]] = {
     "good": (GOOD, None, ""),
-    "empty": (b"", "01", "error: does not unpack: it is empty"),
-    "not compressed": (TAR, "01", "error: does not unpack: a tar archive, but not compressed with gzip"),
-    "xz": (lzma.compress(TAR), "01", "error: does not unpack: compressed with xz, not gzip"),
-    "cut short": (GOOD[:-20], "01", "error: does not unpack: gzip: stdin: unexpected end of file"),
+    "empty": (b"", "01", "error: cannot be unpacked: it is empty"),
+    "not compressed": (TAR, "01", "error: cannot be unpacked: a tar archive, but not compressed with gzip"),
+    "xz": (lzma.compress(TAR), "01", "error: cannot be unpacked: compressed with xz, not gzip"),
+    "cut short": (GOOD[:-20], "01", "error: cannot be unpacked: gzip: stdin: unexpected end of file"),
     "trailing bytes": (GOOD + b"garbage", "01", "trailing garbage"),
     "absolute name": (packed(RUN, member("/x")), None, "warning: member '/x': the name is absolute"),
     "link outside": (packed(RUN, link("x", "../y")), None, "warning: member 'x': a link to '../y', outside"),
-    "pipe": (packed(RUN, member("x", type=tarfile.FIFOTYPE)), None, "warning: member 'x': neither a file"),
+    "pipe": (packed(RUN, member("x", type=tarfile.FIFOTYPE)), None, "warning: member 'x': not a file"),
     "the daemon's": (packed(RUN, member("./zelo_installer.tar.gz")), None, "warning: member './zelo_"),
-    "in its way": (packed(RUN, member("zelo_installer.tar.gz/x")), "01", "error: does not unpack"),
-    "itself": (packed(member(".", type=tarfile.DIRTYPE, mode=0), RUN), None, "work directory the mode 0000"),
+    "in its way": (packed(RUN, member("zelo_installer.tar.gz/x")), "01", "error: cannot be unpacked"),
+    "itself": (packed(member(".", type=tarfile.DIRTYPE, mode=0), RUN), None, "work directory to 0000"),
     "closed directory": (packed(member("d", type=tarfile.DIRTYPE, mode=0), member("d/x"), RUN), None, ""),
 
     "no script": (packed(member("d/run.sh", b"#!/bin/sh\n")), "03", "error: run.sh: No such file"),
@@ -106,7 +106,7 @@ ARCHIVES: dict[str, tuple[bytes, str | None, str]] = {
     "for the group": (script(b"#!/bin/sh -e", 0o010), None, ""),
     "no interpreter": (script(b"exit 0\n"), "03", "error: run.sh: does not begin"),
     "relative": (script(b"#!lua\n"), "03", "error: run.sh: the interpreter lua has no absolute path"),
-    "carriage return": (script(b"#!/bin/sh -e\r"), "03", "error: run.sh: the interpreter line holds"),
+    "carriage return": (script(b"#!/bin/sh -e\r"), "03", "error: run.sh: the interpreter line contains"),
     "quoted line end": (script(b"#!/bin/sh -e\n: 'a\r\nb'\n"), None, "warning: run.sh: has lines"),
     "program": (script(Path("/bin/true").read_bytes()), None, "warning: run.sh: a program, which"),
     "no set -e": (script(b"#!/bin/sh\n# set -e\n"), None, "warning: run.sh: has no set -e"),
@@ -150,7 +150,7 @@ DOCUMENTS: dict[str, tuple[Text, str | None, str]] = {
     "bad, then good": (lambda document: b'{"url": "http://a/", ' + document[1:], "02", "error: address http"),
 
     "url a number": (value("url", lambda _: 1), "02", "error: no string member url"),
-    "blank": (value("url", lambda url: f"{url} x"), "02", "holds a blank"),
+    "blank": (value("url", lambda url: f"{url} x"), "02", "contains a space"),
     "its own name": (value("url", lambda _: "https://%6cocalHost:1/x"), "02", "their own address localhost"),
     "its own number": (value("url", lambda _: "https://127.999.0.1/x"), "02", "their own address 127.999"),
     "no port": (value("url", lambda _: "https://a:port/"), "02", "error: address"),
@@ -180,8 +180,8 @@ def findings(directory: Path, bundle: Bundle, key: Path) -> list[str]:
 # What works on this device, or fails for a reason of its own.
 RISKS = {
     "owner": (packed(RUN, member("x", uname="joe")), "warning: member 'x': belongs to joe:0 (0:0), not to"),
-    "interpreter": (script(b"#!/missing\n"), "warning: run.sh: the interpreter /missing does not exist here"),
-    "syntax": (script(b"#!/bin/sh -e\nif\n"), "warning: run.sh: the shell here does not parse it: sh: "),
+    "interpreter": (script(b"#!/missing\n"), "warning: run.sh: its interpreter /missing does not exist here"),
+    "syntax": (script(b"#!/bin/sh -e\nif\n"), "warning: run.sh: sh -n fails here: sh: "),
     **{name: (packed(RUN, member(f"d/{name}", type=tarfile.DIRTYPE), member(f"d/{name}/x")),
               f"warning: member 'd/{name}': left by an editor or version control")
        for name in (".git", ".hg", ".svn", "run.sh~", "#run.sh#", ".run.sh.swp", ".DS_Store")},

@@ -90,7 +90,7 @@ REFUSED = {
     "no key": ("", ("--key", "word"), 1, "not a private key"),
     "public key": ("", ("--key", "key.pub"), 1, "key.pub: a public key; a private one is needed"),
     "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), 1, "cannot use ED25519 keys"),
-    "no passphrase": ("", ("--key", "key"), 1, "see --passphrase-file"),
+    "no passphrase": ("", ("--key", "key"), 1, "use --passphrase-file"),
     "bad passphrase": ("", ("--passphrase-file", "key.pub"), 1, "the passphrase is wrong"),
     "empty passphrase": ("echo >empty", ("--passphrase-file", "empty"), 1, "empty: the first line is empty"),
     "other key": ("openssl genrsa | openssl rsa -pubout -out o", ("--public-key", "o"), 1, "does not verify"),
@@ -99,7 +99,7 @@ REFUSED = {
     "no program": ("", ("--sign-command", "./none", "--no-verify"), 1, "./none: No such file or directory"),
     "command fails": ("", ("--sign-command", "false", "--no-verify"), 1, "false ended with status 1"),
     "command killed": ("", ("--sign-command", "sh -c 'kill -KILL $$'", "--no-verify"), 1,
-                       "sh was ended by SIGKILL"),
+                       "sh was killed by SIGKILL"),
     "command prints text": ("", ("--sign-command", "echo", "--no-verify"), 1, "printed text"),
 
     "no public key": ("", ("--sign-command", SIGNER), 2, "needs --public-key"),
@@ -172,4 +172,4 @@ def test_ends_without_a_reader() -> None:
 
 
 def test_names_the_program_that_is_missing() -> None:
-    assert make(env={"PATH": "/missing"}).stderr == "make-bundle: tar is needed, and not installed\n"
+    assert make(env={"PATH": "/missing"}).stderr == "make-bundle: tar is not installed\n"

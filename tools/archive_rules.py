@@ -66,10 +66,8 @@ def why_not(archive: Path, said: bytes) -> str:
     for magic, text in NO_ARCHIVES.items():
         if head.startswith(magic):
             return text
-    lines = [line for line in said.decode(errors="replace").splitlines()
-             if line and not line.startswith("tar: Removing leading")]
-    lines.sort(key=lambda line: not line.startswith("gzip: "))  # tar tells of what follows from it
-    return lines[0] if lines else "no reason given"
+    lines = said.decode(errors="replace").splitlines()
+    return next((line for line in lines if line and "Removing leading" not in line), "no reason given")
 
 
 def remarks_on(member: tarfile.TarInfo) -> Iterator[tuple[str, str]]:

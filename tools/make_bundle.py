@@ -36,7 +36,7 @@ def parse_arguments() -> argparse.Namespace:
                         help="command that signs the bundle: it gets the archive's path as its last argument "
                         "and prints the raw signature (of the SHA-256)")
     parser.add_argument("--passphrase-file", metavar="FILE", type=Path,
-                        help="file whose first line is the passphrase of --key (default: ask on the terminal)")
+                        help="file with the passphrase of --key (default: ask on the terminal)")
     verifier = parser.add_mutually_exclusive_group()
     verifier.add_argument("--public-key", metavar="FILE", type=Path,
                           help="public key (PEM) that the signature must verify with (default: --key's own)")

@@ -1,5 +1,7 @@
 /// All process-wide objects with a constructor, in the order in which they are built before `main`.
 
+#include <malloc.h>
+
 #include "download/transfer_service_wrapper.h"
 #include "download/work_directory.h"
 #include "main/uncaught.h"
@@ -16,6 +18,8 @@ struct ProcessFrame {
   ProcessFrame() {
     zelo::endOnUncaughtExceptions();
     zelo::repairInheritedState();
+    // One heap for all threads: if memory is short, the libraries crash when a second one is refused.
+    (void)mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): there is only one thread yet
   }
 };
 

@@ -5,7 +5,8 @@ import os
 from pathlib import Path
 
 from bundle_rules import check_bundle
-from command import Failure, scratch_directory, version
+from command import Failure, version
+from scratch import scratch_directory
 
 
 def parse_arguments() -> argparse.Namespace:

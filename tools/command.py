@@ -1,13 +1,11 @@
-"""How a command ends: after one line that says what stopped it, and with nothing left behind."""
+"""How a command ends: after one line that says what stopped it, and with nothing left behind.
 
-import importlib
+The command itself is imported late, so that Ctrl-C shows no traceback; this file imports next to nothing.
+"""
+
 import os
 import signal
 import sys
-from collections.abc import Iterator
-from contextlib import contextmanager
-from pathlib import Path
-from typing import NoReturn
 
 ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 NAME = os.path.basename(sys.argv[0])  # what the command was called by
@@ -18,11 +16,14 @@ class Failure(RuntimeError):
 
 
 class Stopped(BaseException):
+    """A signal told the command to end."""
+
     def __init__(self, signum: int):
+        super().__init__(f"stopped by {signal.Signals(signum).name}")
         self.signum = signum
 
 
-def run_command(module: str, failed: int) -> NoReturn:
+def run_command(module: str, failed: int) -> None:
     """Imports `module`, calls its `main`, and ends the process with the status that it returns.
 
     A failure is one line on standard error and the status `failed`. After a signal, and when nobody reads
@@ -35,7 +36,7 @@ def run_command(module: str, failed: int) -> NoReturn:
     try:
         status = _run(module)
     except Stopped as stopped:
-        print(f"{NAME}: stopped by {signal.Signals(stopped.signum).name}", file=sys.stderr, flush=True)
+        print(f"{NAME}: {stopped}", file=sys.stderr, flush=True)
         _end_by(stopped.signum)
     except BrokenPipeError:
         _end_by(signal.SIGPIPE)
@@ -50,27 +51,32 @@ def run_command(module: str, failed: int) -> NoReturn:
 
 def version() -> str:
     """What --version prints."""
-    return f"{NAME} {Path(__file__).with_name('VERSION').read_text().strip()}"
+    with open(os.path.join(os.path.dirname(__file__), "VERSION")) as file:
+        return f"{NAME} {file.read().strip()}"
 
 
 def _run(module: str) -> int:
-    # Imported here, where Ctrl-C shows no traceback any more.
+    import importlib
     import subprocess
     try:
-        status = int(importlib.import_module(module).main())
+        return int(importlib.import_module(module).main())
     except SystemExit as end:  # after --help or wrong usage
-        status = int(end.code or 0)
+        return int(end.code or 0)
     except (ImportError, subprocess.SubprocessError) as error:
         raise Failure(str(error)) from error
+    finally:
+        _flush()
+
+
+def _flush() -> None:
     try:
         sys.stdout.flush()
     except OSError as error:
         error.filename = "standard output"
         raise
-    return status
 
 
-def _stop(signum: int, _frame: object) -> NoReturn:
+def _stop(signum: int, _frame: object) -> None:
     for ending in ENDING:
         signal.signal(ending, signal.SIG_IGN)  # nothing interrupts the cleaning up
     raise Stopped(signum)
@@ -89,19 +95,3 @@ def _open_standard_descriptors() -> None:
     # What is not text (in file names, say) is shown as numbers.
     sys.stdout = open(1, "w", errors="backslashreplace", closefd=False)
     sys.stderr = sys.stderr or open(2, "w", errors="backslashreplace", closefd=False)
-
-
-@contextmanager
-def scratch_directory(parent: Path | None = None) -> Iterator[Path]:
-    """A directory that is removed afterwards; signals wait while it is made and removed."""
-    import tempfile
-    signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
-    try:
-        with tempfile.TemporaryDirectory(prefix=".zelo-bundle.", dir=parent) as name:
-            try:
-                signal.pthread_sigmask(signal.SIG_UNBLOCK, ENDING)
-                yield Path(name).resolve()
-            finally:
-                signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
-    finally:
-        signal.pthread_sigmask(signal.SIG_UNBLOCK, ENDING)

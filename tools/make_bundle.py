@@ -16,8 +16,9 @@ from typing import IO, cast
 
 from bundle_rules import (ARCHIVE, DOCUMENT, SCRIPT, Report, check_address, check_archive, check_signature,
                           describe_key)
-from command import ENDING, NAME, Failure, scratch_directory, version
+from command import ENDING, NAME, Failure, version
 from programs import require_an_exit, run
+from scratch import scratch_directory
 
 # Early, so that tar does not warn of time stamps in the future on a device that does not know the date.
 DEFAULT_MTIME = 86400

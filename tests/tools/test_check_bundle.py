@@ -125,12 +125,8 @@ def test_archive(device: VirtualDevice, tmp_path: Path, archive: bytes, code: st
 Text = Callable[[bytes], bytes]
 
 
-def value(name: str, change: Callable[[str], object]) -> Text:
-    def changed(document: bytes) -> bytes:
-        members = json.loads(document)
-        members[name] = change(members[name])
-        return json.dumps(members).encode()
-    return changed
+def changed(**members: object) -> Text:
+    return lambda document: json.dumps({**json.loads(document), **members}).encode()
 
 
 def also(member: bytes) -> Text:
@@ -149,16 +145,17 @@ DOCUMENTS: dict[str, tuple[Text, str | None, str]] = {
     "good, then bad": (also(b'"url": 1'), None, ""),
     "bad, then good": (lambda document: b'{"url": "http://a/", ' + document[1:], "02", "error: address http"),
 
-    "url a number": (value("url", lambda _: 1), "02", "error: no string member url"),
-    "blank": (value("url", lambda url: f"{url} x"), "02", "contains a space"),
-    "its own name": (value("url", lambda _: "https://%6cocalHost:1/x"), "02", "their own address localhost"),
-    "its own number": (value("url", lambda _: "https://127.999.0.1/x"), "02", "their own address 127.999"),
-    "no port": (value("url", lambda _: "https://a:port/"), "02", "error: address"),
-    "no host": (value("url", lambda _: "https:///x"), "02", "no host"),
+    "url a number": (changed(url=1), "02", "error: no string member url"),
+    "blank": (changed(url="https://a/ x"), "02", "contains a space"),
+    "its own name": (changed(url="https://%6cocalHost:1/x"), "02", "their own address localhost"),
+    "its own number": (changed(url="https://127.999.0.1/x"), "02", "their own address 127.999"),
+    "no port": (changed(url="https://a:port/"), "02", "error: address"),
+    "no host": (changed(url="https:///x"), "02", "no host"),
 
-    "no signature": (value("signature", lambda _: ""), "00", "error: the signature is empty"),
-    "url-safe": (value("signature", lambda old: f"-{old[1:]}"), "00", "error: the signature is empty or not"),
-    "folded": (value("signature", lambda old: f"{old[:76]}\n{old[76:]}\n"), None, ""),
+    "no signature": (changed(signature=""), "00", "error: the signature is empty"),
+    "url-safe": (changed(signature="-AAA"), "00", "error: the signature is empty or not base64"),
+    "unpadded": (changed(signature="AAAAAA"), "00", "error: the signature is empty or not base64"),
+    "folded": (lambda document: document[:-42] + b"\\n" + document[-42:], None, ""),
 }
 
 
@@ -180,6 +177,7 @@ def findings(directory: Path, bundle: Bundle, key: Path) -> list[str]:
 # What works on this device, or fails for a reason of its own.
 RISKS = {
     "owner": (packed(RUN, member("x", uname="joe")), "warning: member 'x': belongs to joe:0 (0:0), not to"),
+    "number": (packed(RUN, member("x", gid=7)), "warning: member 'x': belongs to 0:7 (0:7), not to root"),
     "interpreter": (script(b"#!/missing\n"), "warning: run.sh: its interpreter /missing does not exist here"),
     "syntax": (script(b"#!/bin/sh -e\nif\n"), "warning: run.sh: sh -n fails here: sh: "),
     **{name: (packed(RUN, member(f"d/{name}", type=tarfile.DIRTYPE), member(f"d/{name}/x")),

@@ -110,6 +110,7 @@ def main() -> int:
         epilog="Exit status: 0 when all went as it should, 1 when not, 2 for wrong usage.")
     parser.add_argument("names", nargs="*", metavar="NAME", help="what to show, instead of everything")
     parser.add_argument("--list", action="store_true", help="list the names")
+    parser.add_argument("--no-install", action="store_true", help="do not install packages that are missing")
     arguments = parser.parse_args()
     if unknown := [name for name in arguments.names if name not in cases]:
         parser.error(f"nothing is named {', '.join(unknown)}; see --list")

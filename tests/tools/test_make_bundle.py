@@ -171,5 +171,14 @@ def test_ends_without_a_reader() -> None:
     assert done.stderr == "check-bundle: standard output: No space left on device\n"
 
 
+def test_any_file_name_and_closed_descriptors() -> None:
+    make()
+    os.rename(ARCHIVE, b"caf\xe9")
+    command = [TOOL.with_name("check-bundle"), DOCUMENT, b"caf\xe9", "key.pub"]
+    assert subprocess.check_output(command, timeout=60) == b"caf\\udce9: ok\n"
+    closing = ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh"]
+    assert subprocess.call([*closing, *command], timeout=60) == 0
+
+
 def test_names_the_program_that_is_missing() -> None:
     assert make(env={"PATH": "/missing"}).stderr == "make-bundle: tar is not installed\n"

@@ -174,7 +174,7 @@ def test_ends_without_a_reader() -> None:
 def test_any_file_name_and_closed_descriptors() -> None:
     make()
     os.rename(ARCHIVE, b"caf\xe9")
-    command = [TOOL.with_name("check-bundle"), DOCUMENT, b"caf\xe9", "key.pub"]
+    command: list[str | bytes | Path] = [TOOL.with_name("check-bundle"), DOCUMENT, b"caf\xe9", "key.pub"]
     assert subprocess.check_output(command, timeout=60) == b"caf\\udce9: ok\n"
     closing = ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh"]
     assert subprocess.call([*closing, *command], timeout=60) == 0

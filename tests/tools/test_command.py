@@ -35,6 +35,10 @@ ENDINGS = {
                 "it: Command 'false' returned non-zero exit status 1.\n"),
     "Ctrl-C": ("os.kill(os.getpid(), 2)", -signal.SIGINT, "it: stopped by SIGINT\n"),
     "stopped": ("os.kill(os.getpid(), 15)", -signal.SIGTERM, "it: stopped by SIGTERM\n"),
+    "stopped twice": ("""try:
+            os.kill(os.getpid(), 15)
+        finally:
+            os.kill(os.getpid(), 2)""", -signal.SIGTERM, "it: stopped by SIGTERM\n"),
     "ignored by the starter": ("os.kill(os.getpid(), 1); return 0", 0, ""),
 }
 

@@ -4,7 +4,7 @@ set -eu
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
 exec >&2  # standard output is dropped, standard error reaches the journal
 
-here=${0%/*}  # the working directory is another
+here=${0%/*}  # not the working directory
 release=hello-7
 marker=/var/lib/hello/release
 
@@ -28,5 +28,5 @@ replace "$here/hello.conf" /etc/hello/hello.conf
 echo "$release" >"$here/release"
 replace "$here/release" "$marker"
 
-# In a unit of its own, because processes that are left in the daemon's unit are killed.
+# In a separate unit: what is left in the daemon's unit is killed when the daemon ends.
 systemd-run --on-active=10 systemctl reboot

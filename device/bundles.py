@@ -11,7 +11,9 @@ from tempfile import TemporaryDirectory
 
 TOOL = Path(__file__).resolve().parent.parent / "tools" / "make-bundle"
 
-SUCCEEDING_SCRIPT = "#!/bin/sh\necho installed > /tmp/installed\n"
+INSTALLED = "/tmp/installed"
+RECORD = f"echo installed >>{INSTALLED}"  # for each run of a script of ours
+SUCCEEDING_SCRIPT = f"#!/bin/sh\n{RECORD}\n"
 
 
 @dataclass(frozen=True)

@@ -12,6 +12,7 @@ from contextlib import contextmanager
 from dataclasses import dataclass, replace
 from pathlib import Path
 
+from device.bundles import INSTALLED, SUCCEEDING_SCRIPT
 from device.https_server import Answer, authority
 from device.run import Run
 from device.virtual_device import AUTHORITIES, VirtualDevice
@@ -22,7 +23,6 @@ TEMPLATE = "url.zelo.installer.metadata"
 NOBODY = "https://bundles.zelo.example:1/zelo_installer_meta.json?version=%s&package=%s"
 PROD = "/etc/zelo/pubkeyprod.pem"
 SET_PROP, SEND_EVENT = "/usr/bin/kbus-set-prop", "/usr/bin/kbus-send-event"
-INSTALLED = "/tmp/installed"
 
 STAGES = [f"I def:zeloinstall:main:{stage}" for stage in (
     "Downloading metadata", "Downloading bundle", "Validating bundle", "Extracting bundle",
@@ -58,6 +58,12 @@ def ended(reason: str) -> str:
 def own_lines(source: VirtualDevice | Run) -> list[str]:
     """The log without what the transfers and the platform say for themselves."""
     return [line for line in source.log_lines() if not re.match("[IW] TransferWrapper:|kbus: ", line)]
+
+
+def script_runs(device: VirtualDevice) -> int:
+    """How many times the scripts of bundles have run."""
+    file = device.path(INSTALLED)
+    return file.read_text().count("installed\n") if file.exists() else 0
 
 
 def shown(device: VirtualDevice) -> list[str]:
@@ -119,13 +125,13 @@ def raw_archive(content: bytes) -> Change:
     return lambda d: d.publish(d.sign(content))
 
 
-def archive(name: str, mode: int = 0o755, content: bytes = b"#!/bin/sh\n", packing: str = "gz") -> Change:
+def archive(name: str, mode: int = 0o755, content: str = SUCCEEDING_SCRIPT, packing: str = "gz") -> Change:
     """An archive with this one member."""
     packed = io.BytesIO()
     with tarfile.open(mode=f"w:{packing}", fileobj=packed) as tar:
         member = tarfile.TarInfo(name)
         member.mode, member.size = mode, len(content)
-        tar.addfile(member, io.BytesIO(content))
+        tar.addfile(member, io.BytesIO(content.encode()))
     return raw_archive(packed.getvalue())
 
 
@@ -160,6 +166,7 @@ class Case:
     name: str
     change: Change
     lines: list[str]
+    script_runs: int
     shown: tuple[str, ...] = ()
     statuses: tuple[int, ...] = (0,)
     published: str = ""  # for those who watch
@@ -167,12 +174,11 @@ class Case:
 
     def faults(self, device: VirtualDevice, runs: list[Run]) -> list[str]:
         """What did not go as it should."""
-        installed = device.path(INSTALLED).exists()
         found = {
             "exit status": (tuple(run.status for run in runs), self.statuses),
             "log": (own_lines(device), self.lines),
             "UI shell": (tuple(shown(device)), self.shown),
-            "installed": (installed, installed and STAGES[-1] in self.lines),
+            "runs of the script": (script_runs(device), self.script_runs),
         }
         return [f"{what}: {got}\n  instead of {wanted}" for what, (got, wanted) in found.items()
                 if got != wanted]
@@ -180,17 +186,17 @@ class Case:
 
 def good(name: str, change: Change, *more: str, published: str = "") -> Case:
     """A run that goes through all stages; `more` is logged while the bundle is validated."""
-    return Case(name, change, [*STAGES[:3], *more, *STAGES[3:], END], published=published)
+    return Case(name, change, [*STAGES[:3], *more, *STAGES[3:], END], 1, published=published)
 
 
 def failing(name: str, change: Change, stages: int, message: str, code: str, *warnings: str,
-            published: str = "") -> Case:
+            script_runs: int = 0, published: str = "") -> Case:
     """A run that begins so many stages and reports the code."""
-    return Case(name, change, [*STAGES[:stages], *warnings, reported(message, code), END],
+    return Case(name, change, [*STAGES[:stages], *warnings, reported(message, code), END], script_runs,
                 ("load = zelo", f"showError {code}"), published=published)
 
 
 def fatal(name: str, change: Change, stages: int, reason: str, *before: str,
           shown: tuple[str, ...] = ()) -> Case:
     """A run that nobody can be told about."""
-    return Case(name, change, [*STAGES[:stages], *before, ended(reason)], shown, (1,))
+    return Case(name, change, [*STAGES[:stages], *before, ended(reason)], 0, shown, (1,))

@@ -11,6 +11,7 @@ import sys
 from pathlib import Path
 
 from device import command_line
+from device.bundles import RECORD
 from device.cases import (ANOTHER, BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
                           RETRIES, STAGES, TEMPLATE, Case, both, failing, good, marker, nothing,
                           raw_archive, ready_device, script, setting, signed, tampered)
@@ -67,16 +68,16 @@ CASES = (
          published="a bundle signed with the production key, for a device with debugging features"),
     failing("no-archive", raw_archive(b"this is no gzip archive\n"), 4, NO_COMMAND, "01",
             published="signed bytes that are no gzip archive"),
-    Case("recovering", failing_once, [*STAGES[:2], BUNDLE_FAILED + LOST, *STAGES[2:], END],
+    Case("recovering", failing_once, [*STAGES[:2], BUNDLE_FAILED + LOST, *STAGES[2:], END], 1,
          published="a good bundle, but the first request gets status 503"),
-    Case("deferred", lambda d: d.defer_transfers(9), [*STAGES, END], play=start_and_undefer,
+    Case("deferred", lambda d: d.defer_transfers(9), [*STAGES, END], 1, play=start_and_undefer,
          published="a good bundle; the transfer service puts the download off for a while"),
-    failing("failing-script", script("echo no room >&2; exit 1"), 5, NO_COMMAND, "03",
-            published="a bundle whose run.sh says why and ends with status 1"),
+    failing("failing-script", script(f"{RECORD}; echo no room >&2; exit 1"), 5, NO_COMMAND, "03",
+            script_runs=1, published="a bundle whose run.sh says why and ends with status 1"),
     failing("no-attempt", setting(RETRIES, "-1"), 1, "illegal state", "99",
             published="a good bundle, but the number of retries is set to -1"),
-    Case("second-start", script(Gate.WAIT), [*STAGES, ANOTHER, END], statuses=(0, 1), play=start_twice,
-         published="a bundle whose run.sh waits until a second start has ended"),
+    Case("second-start", script(f"{RECORD}\n{Gate.WAIT}"), [*STAGES, ANOTHER, END], 1, statuses=(0, 1),
+         play=start_twice, published="a bundle whose run.sh waits until a second start has ended"),
 )
 
 

@@ -31,6 +31,7 @@ ARCHIVE = "/zelo_installer.tar.gz"
 DOCUMENT = "/zelo_installer_meta.json"
 DEVICE_INFO = "[device]\nsoftware_version=123456789012\nsoftware_package_name=base image/1\n"
 AUTHORITIES = "/etc/ssl/certs/ca-certificates.crt"
+PID_FILE = "/var/run/zeloinstall.pid"
 MARKER = "/PRE_GM_DEBUGGING_FEATURES_ENABLED__REMOVE_AT_GMC"
 
 
@@ -129,12 +130,16 @@ class VirtualDevice:
     def lock_holder(self) -> int | None:
         """The process that holds the lock of the daemon's single instance."""
         try:
-            with open(self.path("/var/run/zeloinstall.pid"), "rb+") as file:
+            with open(self.path(PID_FILE), "rb+") as file:
                 wanted = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
                 kind, _, _, _, pid = struct.unpack("hhqqi", fcntl.fcntl(file, fcntl.F_GETLK, wanted))
         except FileNotFoundError:
             return None
         return None if kind == fcntl.F_UNLCK else pid
+
+    def lock_was_released(self) -> bool:
+        """Whether its last holder has given it back, which empties the file, or has just ended."""
+        return self.path(PID_FILE).read_bytes() == b""
 
     def restart_transfers(self) -> None:
         self.transfers.stop()

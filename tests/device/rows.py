@@ -3,6 +3,7 @@
 A device takes at most one change of each kind, in the order of the kinds.
 """
 
+from device.bundles import RECORD
 from device.cases import (BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
                           NOT_TAKEN, PROD, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, TIMEOUT, Case,
                           Change, answer, archive, both, failing, fatal, good, key_file, marker, members,
@@ -42,9 +43,11 @@ KINDS = {
         failing("cut short", cut_archive, 4, NO_COMMAND, "01"),
         failing("run.sh further down", archive("d/run.sh"), 5, NO_COMMAND, "03"),
         failing("run.sh not executable", archive("run.sh", 0o644), 5, NO_COMMAND, "03"),
-        failing("no interpreter", archive("run.sh", content=b"#!/bin/missing\n"), 5, NO_COMMAND, "03"),
-        failing("run.sh ends with status 255", script("exit 255"), 5, NO_COMMAND, "03"),
-        good("run.sh ended by a signal", script("kill -9 $$")),
+        failing("no interpreter", archive("run.sh", content=f"#!/bin/missing\n{RECORD}\n"), 5, NO_COMMAND,
+                "03"),
+        failing("run.sh ends with status 255", script(f"{RECORD}; exit 255"), 5, NO_COMMAND, "03",
+                script_runs=1),
+        good("run.sh ended by a signal", script(f"{RECORD}; kill -9 $$")),
     ],
     "document": [
         failing("no url, twice", both(members(url=None), setting(RETRIES, "1")), 1, "key url not found", "02",
@@ -74,7 +77,7 @@ KINDS = {
         unfetched("deferred", lambda d: d.defer_transfers(5)),
         Case("no transfer service", lambda d: d.transfers.stop(), [
             "E def:TransferServiceWrapper:Transfer Service initialization failed:", STAGES[0],
-            METADATA_FAILED + NOT_TAKEN, reported(NOT_TAKEN, "02"), END], ("load = zelo", "showError 02")),
+            METADATA_FAILED + NOT_TAKEN, reported(NOT_TAKEN, "02"), END], 0, ("load = zelo", "showError 02")),
     ],
     "authority": [unfetched("unknown authority", other_authority)],
     "address": [

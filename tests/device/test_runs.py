@@ -10,11 +10,12 @@ import time
 import pytest
 
 from device import demo
-from device.cases import (BUNDLE_FAILED, END, INSTALLED, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT,
-                          Case, defaulted, ended, own_lines, script)
+from device.bundles import RECORD
+from device.cases import (BUNDLE_FAILED, END, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT, Case,
+                          defaulted, ended, own_lines, script, script_runs)
 from device.https_server import Content, Drop, Redirect, Status
 from device.run import Run
-from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
+from device.virtual_device import ARCHIVE, DOCUMENT, PID_FILE, VirtualDevice
 
 from rows import KINDS, SIGNATURES, STARTS
 
@@ -37,7 +38,8 @@ def test_defaults_pauses_and_redirects(device: VirtualDevice) -> None:
     device.set_pref(TIMEOUT, None)
     begin = time.monotonic()
     run = device.start()
-    assert run.wait() == 0 and time.monotonic() - begin >= 6  # pauses of 1, 2 and 3 seconds
+    assert run.wait() == 0
+    assert 6 <= time.monotonic() - begin  # pauses of 1, 2 and 3 seconds
     defaults = [defaulted(RETRIES), defaulted(TIMEOUT)]
     assert own_lines(device) == [STAGES[0], *defaults, STAGES[1], *defaults, *[BUNDLE_FAILED + LOST] * 3,
                                  *STAGES[2:], END]
@@ -45,11 +47,13 @@ def test_defaults_pauses_and_redirects(device: VirtualDevice) -> None:
 
 def test_what_a_good_run_asks_and_leaves(device: VirtualDevice) -> None:
     run = device.start()
-    assert run.wait() == 0 and device.path(INSTALLED).read_text() == "installed\n"
+    assert run.wait() == 0
+    assert script_runs(device) == 1
     assert device.server.requests == [f"{DOCUMENT}?version=123456789012&package=base%20image%2F1", ARCHIVE]
     [work] = device.work_directories()
     assert work.stat().st_mode & 0o7777 == 0o700
-    assert device.path("/var/run/zeloinstall.pid").stat().st_mode & 0o7777 == 0o600
+    assert device.path(PID_FILE).stat().st_mode & 0o7777 == 0o600
+    assert device.lock_was_released()
     assert {file.name for file in work.iterdir()} == {
         "run.sh", "zelo_installer_meta.json", "zelo_installer.tar.gz", "zelo_installer.tar.gz.sig",
         "zelo_installer.tar.gz.sig.sha256"}
@@ -70,7 +74,7 @@ def test_code_of_a_long_line_is_logged(device: VirtualDevice) -> None:
 @pytest.mark.usefixtures("confined_only")
 def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
     """With a page more each time: none for the signature, the archive, its decoded signature, run.sh."""
-    script("echo > /run/installed")(device)
+    script("echo >/run/installed")(device)
     for pages, code in enumerate(["02", "02", "00", "01", None], start=1):
         device.mount_tmpfs("/tmp", pages * os.sysconf("SC_PAGE_SIZE"))
         run = device.start()
@@ -95,10 +99,12 @@ def test_little_memory_is_no_crash(device: VirtualDevice, plain_only: None) -> N
 
 def test_more_than_the_memory_holds(device: VirtualDevice, plain_only: None) -> None:
     memory = 200 << 20
-    script(f"(while /bin/base64 /usr/bin/openssl; do :; done); {PASS_TIME}; echo > {INSTALLED}")(device)
+    script(f"(while /bin/base64 /usr/bin/openssl; do :; done); {PASS_TIME}; {RECORD}")(device)
     run = start_with(memory, device)
-    assert run.wait() == 1 and run.log_lines()[-1] == ended("std::bad_alloc")
-    assert device.path(INSTALLED).exists() and device.lock_holder() is None
+    assert run.wait() == 1
+    assert run.log_lines()[-1] == ended("std::bad_alloc")
+    assert script_runs(device) == 1
     device.server.answer(DOCUMENT, Content(b"x" * (memory // 2)))
     run = start_with(memory, device)
-    assert run.wait() == 0 and METADATA_FAILED + "invalid json " in run.log_lines()
+    assert run.wait() == 0
+    assert METADATA_FAILED + "invalid json " in run.log_lines()

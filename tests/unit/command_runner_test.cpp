@@ -1,7 +1,6 @@
 #include <grp.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -101,10 +100,6 @@ void closeReaderOfErrors() {
   close(ends[1]);
 }
 
-void ignoreChildrenWhenForking() {
-  pthread_atfork([] { signal(SIGCHLD, SIG_IGN); }, nullptr, nullptr);
-}
-
 void interruptAllTheTime() {
   struct sigaction action = {};
   action.sa_handler = [](int) {};
@@ -126,7 +121,6 @@ TEST(CommandRunner, WorksAndFailsInOddProcesses) {
     std::string outcome;
   } rows[] = {
       {"SIGCHLD ignored", [] { signal(SIGCHLD, SIG_IGN); }, echo, "text\n"},
-      {"SIGCHLD ignored too late", ignoreChildrenWhenForking, echo, "failed to execute command"},
       {"SIGPIPE ignored", [] { signal(SIGPIPE, SIG_IGN); }, shell("echo a; kill -PIPE $$; echo b"), "a\n"},
       {"interruptions", interruptAllTheTime, shell("sleep 0.1; echo a; exec >&-; sleep 0.1"), "a\n"},
       {"many descriptors", openMany, listDescriptors, three},

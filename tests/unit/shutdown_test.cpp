@@ -49,9 +49,8 @@ TEST_F(Frame, ASecondInstanceIsRefused) {
 }
 
 // Where the main thread is when SIGTERM comes.
-enum class At { start, pause, submission, finish, fork, forkedChild, never };
+enum class At { start, submission, finish, fork, forkedChild, never };
 At g_signal_at = At::never;
-int g_script_input = -1;
 
 void reach(At point) {
   if (point == g_signal_at) raise(SIGTERM);
@@ -63,23 +62,12 @@ void reach(At point) {
 
 // As the entry does. The release is slow: a main thread that came back from a wait would be heard.
 void startFrame() {
-  int ends[2];
-  if (pipe(ends) == 0) g_script_input = ends[1];
-  dup2(ends[0], STDIN_FILENO);
   fake::Platform& platform = fake::platform();
   platform.monotonicAhead = 3600;  // an end that needs a deadline to pass is no end
-  platform.onLine = [](const std::string& line) {
-    say(line);
-    sayTo(g_script_input, "\n");
-  };
+  platform.onLine = say;
   platform.onRelease = [] {
     sleep_for(milliseconds(300));
     say("released");
-  };
-  platform.onPause = [] {
-    say("pauses");
-    reach(At::pause);
-    return false;
   };
   platform.onInitiate = [](fake::Request& request) {
     say("submits");
@@ -99,28 +87,15 @@ void startFrame() {
   reach(At::start);
 }
 
-void run(const char* script) {
-  (void)zelo::runCommand({"/bin/sh", "-c", script});
-}
-
 void program() {
-  run("echo starts >&2");
-}
-
-// Goes on once the line has been written.
-void terminatingProgram() {
-  run("kill -TERM $PPID; read line; sleep 0.6; echo goes on >&2");
-}
-
-void onePause() {
-  zelo::sleepSeconds(1);
+  (void)zelo::runCommand({"/bin/sh", "-c", "echo starts >&2"});
 }
 
 void download() {
   const std::string failure =
       failureOf([] { zelo::TransferWrapper("https://x/y", "GET", "", "/none").download(60); });
   say(failure);
-  onePause();
+  zelo::sleepSeconds(1);
 }
 
 void downloadWhoseWaitIsInterrupted() {
@@ -145,11 +120,6 @@ void programAfterASignalOnAnotherThread() {
   program();
 }
 
-void ofAllKinds() {
-  for (const int signum : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) raise(signum);
-  zelo::parkForever();
-}
-
 void stuckPlatform() {
   fake::platform().monotonicAhead = 0;
   raise(SIGTERM);
@@ -165,13 +135,6 @@ void slowRelease() {
   };
   shutdownHandler(0);
   stay();
-}
-
-void blockedLog() {
-  fake::platform().monotonicAhead = 0;
-  fake::platform().onLine = [](const std::string&) { stay(); };
-  raise(SIGTERM);
-  zelo::parkForever();
 }
 
 void lastStep() {
@@ -192,9 +155,6 @@ TEST_F(Frame, ATerminationSignalEndsTheProcess) {
       {"before a program", At::start, program, {line, "released", end}},
       {"between gate and fork", At::fork, program, {line, "released", end}},
       {"in the forked child: its own", At::forkedChild, program, {"comes back", "exit 0"}},
-      {"in a program", At::never, terminatingProgram, {line, "goes on\n", "released", end}},
-      {"before a pause", At::start, onePause, {line, "released", end}},
-      {"in a pause", At::pause, onePause, {"pauses", line, "released", end}},
       {"before a download's wait", At::submission, download, {"submits", line, "released", end}},
       {"in a download's wait", At::never, downloadWhoseWaitIsInterrupted, {line, "released", end}},
       {"after a download's wait",
@@ -206,8 +166,6 @@ TEST_F(Frame, ATerminationSignalEndsTheProcess) {
       {"just before the end", At::start, lastStep, {line, "released", end}},
       {"in the last step", At::never, slowRelease, {goingDown(0), "released", end}},
       {"on another thread", At::never, programAfterASignalOnAnotherThread, {line, "released", end}},
-      {"of all kinds", At::never, ofAllKinds, {goingDown(SIGINT), "released", "signal 2"}},
-      {"while the log blocks", At::never, blockedLog, {"released", end}},
   };
   for (const auto& row : rows) {
     g_signal_at = row.at;
@@ -218,21 +176,6 @@ TEST_F(Frame, ATerminationSignalEndsTheProcess) {
     });
     EXPECT_EQ(said, row.said) << row.name;
   }
-}
-
-TEST_F(Frame, AFaultOnItsThreadsReachesTheCrashDumps) {
-  g_signal_at = At::never;
-  const Texts said = inChild([] {
-    startFrame();
-    signal(SIGSEGV, [](int) {
-      say("dump");
-      _exit(3);
-    });
-    fake::platform().onRelease = [] { raise(SIGSEGV); };
-    raise(SIGTERM);
-    zelo::parkForever();
-  });
-  EXPECT_EQ(said, (Texts{goingDown(SIGTERM), "dump", "exit 3"}));
 }
 
 void abortAfterTheStart() {

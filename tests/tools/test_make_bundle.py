@@ -133,11 +133,13 @@ def test_signs_with_a_command() -> None:
     assert check().returncode == 0
 
 
-def test_warns_of_a_weak_key() -> None:
+def test_warns() -> None:
     shell("openssl genrsa -out key 1024")
-    done = make()
+    done = make("--url", "https://a.example/ä")
     assert done.returncode == 0
-    assert done.stderr == "make-bundle: warning: a weak key, only 1024 bits long\n"
+    assert done.stderr.splitlines() == [
+        "make-bundle: warning: address https://a.example/ä: contains non-ASCII characters",
+        "make-bundle: warning: a weak key, only 1024 bits long"]
 
 
 def test_leaves_nothing_after_a_signal() -> None:

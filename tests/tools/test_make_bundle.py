@@ -88,6 +88,7 @@ REFUSED = {
     "no source": ("rm -r source", (), 1, "source: No such file or directory"),
     "output inside": ("ln -s source o", ("--output", "o/new"), 1, "o/new: is inside SOURCE_DIR"),
     "no key": ("", ("--key", "word"), 1, "not a private key"),
+    "empty key": ("", ("--key", "/dev/null"), 1, "not a private key"),
     "public key": ("", ("--key", "key.pub"), 1, "key.pub: a public key; a private one is needed"),
     "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), 1, "cannot use ED25519 keys"),
     "no passphrase": ("", ("--key", "key"), 1, "use --passphrase-file"),

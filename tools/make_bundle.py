@@ -138,13 +138,13 @@ def make_bundle(arguments: argparse.Namespace, report: Report) -> str:
         if report.has_error():
             return ""
         verifier = arguments.public_key
-        if key:
+        if arguments.key:
             opening = passphrase(key, arguments)
             public.write_bytes(public_half(arguments.key, opening))
             verifier = verifier or public
         if verifier and not describe_key(verifier, report):
             return ""
-        if key:
+        if arguments.key:
             signature = base64.b64encode(sign_with_key(archive, arguments.key, opening))
         else:
             signature = base64.b64encode(sign_with_command(archive, arguments.sign_command))

@@ -88,6 +88,7 @@ REFUSED = {
     "no source": ("rm -r source", (), 1, "source: No such file or directory"),
     "output inside": ("ln -s source o", ("--output", "o/new"), 1, "o/new: is inside SOURCE_DIR"),
     "no key": ("", ("--key", "word"), 1, "not a private key"),
+    "empty key": ("", ("--key", "/dev/null"), 1, "not a private key"),
     "public key": ("", ("--key", "key.pub"), 1, "key.pub: a public key; a private one is needed"),
     "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), 1, "cannot use ED25519 keys"),
     "no passphrase": ("", ("--key", "key"), 1, "use --passphrase-file"),
@@ -133,11 +134,13 @@ def test_signs_with_a_command() -> None:
     assert check().returncode == 0
 
 
-def test_warns_of_a_weak_key() -> None:
+def test_warns() -> None:
     shell("openssl genrsa -out key 1024")
-    done = make()
+    done = make("--url", "https://a.example/ä")
     assert done.returncode == 0
-    assert done.stderr == "make-bundle: warning: a weak key, only 1024 bits long\n"
+    assert done.stderr.splitlines() == [
+        "make-bundle: warning: address https://a.example/ä: contains non-ASCII characters",
+        "make-bundle: warning: a weak key, only 1024 bits long"]
 
 
 def test_leaves_nothing_after_a_signal() -> None:

@@ -73,9 +73,12 @@ def test_stop_lets_the_script_end(device: SystemdDevice) -> None:
     device.run("zeloinstall", status=1)  # a second one, which changes nothing
     tmpfiles = device.path("/usr/lib/tmpfiles.d/zeloinstall.conf")
     tmpfiles.write_text(tmpfiles.read_text().replace("2d", "1s"))
+    device.write("/run/tmpfiles.d/tmp.conf", "q /tmp 1777 root root 1s\n")  # as systemd cleans it, but sooner
     time.sleep(1.5)
     device.run("systemd-tmpfiles", "--clean")
     assert device.path(f"{running}/run.sh").exists()
+    assert not device.path("/tmp/begun").exists()
+    device.path("/run/tmpfiles.d/tmp.conf").unlink()
 
     device.run("systemctl", "stop", "--no-block", "zeloinstall")
     time.sleep(1)

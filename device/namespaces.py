@@ -37,12 +37,12 @@ def enter(memory: str) -> int | None:
 
 def die_with_parent(signum: int) -> None:
     """Has the system send this process a signal when the one that started it ends."""
-    _call("prctl", _SIGNAL_WHEN_PARENT_ENDS, signum)
+    call("prctl", _SIGNAL_WHEN_PARENT_ENDS, signum)
 
 
 def adopt_orphans() -> None:
     """Makes this process the parent of those below it that lose theirs."""
-    _call("prctl", _ADOPT_ORPHANS, 1)
+    call("prctl", _ADOPT_ORPHANS, 1)
 
 
 def mount(*arguments: str | Path) -> None:
@@ -50,8 +50,8 @@ def mount(*arguments: str | Path) -> None:
 
 
 def _enter(namespaces: int, memory: str) -> int:
-    map_ids = _id_mapper() if namespaces & _USERS else lambda: True
-    _call("unshare", namespaces)
+    map_ids = id_mapper() if namespaces & _USERS else lambda: True
+    call("unshare", namespaces)
     if not map_ids():
         raise PermissionError("user ids cannot be mapped")
     has_parent, parent = os.pipe()
@@ -88,10 +88,10 @@ def _mount_own(memory: str) -> None:
     mount("-t", "tmpfs", "-o", "mode=1777", "tmpfs", memory)
 
 
-def _id_mapper() -> Callable[[], bool]:
+def id_mapper() -> Callable[[], bool]:
     """Maps the ids of the user namespace that this process is about to enter, which only a process that
     stays outside can do. Call the result inside; it says whether that went well."""
-    process = os.getpid()
+    process = os.readlink("/proc/self")  # its number where /proc is of, which may be outside
     entered, tell = os.pipe()
     mapper = os.fork()
     if mapper == 0:
@@ -116,7 +116,8 @@ def _id_mapper() -> Callable[[], bool]:
     return finish
 
 
-def _call(name: str, *arguments: int) -> None:
+def call(name: str, *arguments: int | bytes | None) -> None:
+    """A function of the C library that returns 0 when all is well."""
     if getattr(_libc, name)(*arguments) != 0:
         error = ctypes.get_errno()
         raise OSError(error, f"{name}: {os.strerror(error)}")

@@ -25,15 +25,37 @@ SCRIPTS = {
     "/usr/bin/kbus-set-prop": TOOLS / "kbus-set-prop",
     "/usr/bin/kbus-send-event": TOOLS / "kbus-send-event",
 }
+LONGEST_WAY = 1000  # names of a path, or it is a loop of links
 DIRECTORIES = ("dev", "etc/zelo", "etc/ssl/certs", "proc", "run", "tmp", "usr/bin", "usr/lib", "usr/lib64",
                "usr/sbin", "var/lib/prefbox", "var/run")
 LINKS = {"bin": "usr/bin", "sbin": "usr/sbin", "lib": "usr/lib", "lib64": "usr/lib64"}
 
 
+def inside(root: Path, path: str) -> Path:
+    """Where an absolute path of the device is here. Links on the way to it lead to places on the device."""
+    here, ahead = root, path.split("/")[::-1]
+    for _ in range(LONGEST_WAY):
+        if len(ahead) == 1:
+            break
+        name = ahead.pop()
+        if name == "..":
+            here = here if here == root else here.parent
+        elif (here / name).is_symlink():
+            target = os.readlink(here / name)
+            here = root if target.startswith("/") else here
+            ahead += target.split("/")[::-1]
+        else:
+            here /= name
+    return here / ahead[0]
+
+
 @functools.cache
 def libraries(program: Path) -> dict[str, Path]:
-    """The shared libraries of a program: where each lies on a device, and here."""
+    """The shared libraries of a program: where each lies on a device, and here. Other files have none."""
     kind = architecture(program)
+    with open(program, "rb") as file:
+        if file.read(4) != b"\x7fELF":
+            return {}
     listing = subprocess.run([*kind.ldd, program], capture_output=True, text=True, check=False).stdout
     if missing := re.findall(r"^\s*(\S+) => not found", listing, re.MULTILINE):
         raise FileNotFoundError(f"{program} needs {', '.join(missing)}")
@@ -42,6 +64,16 @@ def libraries(program: Path) -> dict[str, Path]:
     found = {f"{kind.directory}/{name}": kind.here(path) for name, path in linked}
     found.update((path, kind.here(path)) for path in re.findall(r"^\s*(/\S+) \(0x", listing, re.MULTILINE))
     return found
+
+
+def device_programs(build: Path) -> dict[str, Path]:
+    """What is on a device so that the daemon can run there: path on the device -> path here."""
+    programs = {path: Path(os.path.realpath(path)) for path in FROM_HOST}
+    programs.update((path, native_build(build) / name) for path, name in FROM_BUILD.items())
+    programs.update(SCRIPTS)
+    programs[DAEMON] = build / "zeloinstall"
+    programs.update((path, Path(path)) for path in architecture(programs[DAEMON]).launcher)
+    return programs
 
 
 def fill(root: Path, build: Path, files: Mapping[str, Path]) -> None:
@@ -56,12 +88,7 @@ def fill(root: Path, build: Path, files: Mapping[str, Path]) -> None:
         (root / name).symlink_to(target)
     (root / "tmp").chmod(0o1777)
 
-    programs = {path: Path(os.path.realpath(path)) for path in FROM_HOST}
-    programs.update((path, native_build(build) / name) for path, name in FROM_BUILD.items())
-    programs.update(SCRIPTS)
-    programs[DAEMON] = build / "zeloinstall"
-    programs.update((path, Path(path)) for path in architecture(programs[DAEMON]).launcher)
-    programs.update(files)
+    programs = {**device_programs(build), **files}
     copies = {path: source for program in programs.values() for path, source in libraries(program).items()}
     for path, source in {**copies, **programs}.items():
         copy = root / path.lstrip("/")
@@ -72,6 +99,7 @@ def fill(root: Path, build: Path, files: Mapping[str, Path]) -> None:
 def make_null_device(path: Path) -> None:
     """A /dev/null; a plain file does where the real one cannot be made or used."""
     if alone.confined():  # where nobody may make one; this machine's keeps its owner and mode
+        path.unlink(missing_ok=True)
         path.touch()
         namespaces.mount("-o", "bind,ro,nosuid,noexec", "/dev/null", path)
         return

@@ -42,7 +42,7 @@ class Service:
         self._changed = threading.Condition()
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT, cwd=cwd, env=NO_ENVIRONMENT, text=True,
-                                        start_new_session=True)
+                                        errors="replace", start_new_session=True)
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
         try:
@@ -96,8 +96,8 @@ def start_bus(base: Path, root: Path) -> Service:
 
 
 def set_property(root: Path, service: str, name: str, value: str) -> bool:
-    """Whether a service has taken the value. Not by the tool that the daemon uses, because tests break it."""
-    command = [*enter(root), "/usr/bin/dbus-send", f"--bus=unix:path=/{BUS_SOCKET}", "--print-reply",
+    """Whether a service has taken the value. By nothing of the device, because that may be broken."""
+    command = ["/usr/bin/dbus-send", f"--bus=unix:path={root / BUS_SOCKET}", "--print-reply",
                f"--dest={service}", f"/{service.replace('.', '/')}", "org.freedesktop.DBus.Properties.Set",
                f"string:{service}", f"string:{name}", f"variant:{value}"]
     return subprocess.run(command, env=NO_ENVIRONMENT, capture_output=True, check=False).returncode == 0
@@ -108,16 +108,16 @@ class TransferService(Service):
 
     PROGRAM = "/usr/sbin/transfer-service"
 
-    def __init__(self, base: Path, root: Path):
-        super().__init__([*enter(root), self.PROGRAM], base, "transfer-service: ready")
+    def __init__(self, base: Path, entering: Sequence[str]):
+        super().__init__([*entering, self.PROGRAM], base, "transfer-service: ready")
 
 
 class Shell:
     """The UI shell, inside the root."""
 
-    def __init__(self, base: Path, root: Path):
+    def __init__(self, base: Path, root: Path, entering: Sequence[str]):
         self._root = root
-        self._service = Service([*enter(root), "/usr/bin/vestrel"], base, "vestrel: ready")
+        self._service = Service([*entering, "/usr/bin/vestrel"], base, "vestrel: ready")
         self._asked = 0
         self.stop = self._service.stop
 

@@ -40,6 +40,9 @@ class SyslogReceiver:
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind(self._path)
         path.chmod(0o666)
+        self._sender = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._sender.connect(self._path)  # which lasts when somebody removes the path
+        self._sender.settimeout(PATIENCE)
         self._lines: list[LogLine] = []
         self._changed = threading.Condition()
         self._waker, woken = socket.socketpair()
@@ -83,6 +86,7 @@ class SyslogReceiver:
 
     def close(self) -> None:
         self.pause()
+        self._sender.close()
         self._socket.close()
 
     def _read(self, woken: socket.socket) -> None:
@@ -98,9 +102,7 @@ class SyslogReceiver:
         if self._thread is None:
             return
         marker = uuid.uuid4().bytes
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-            sender.settimeout(PATIENCE)
-            sender.sendto(marker, self._path)
+        self._sender.send(marker)
         deadline = time.monotonic() + PATIENCE
         with self._changed:
             while not any(line.raw == marker for line in self._lines):

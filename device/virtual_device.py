@@ -12,7 +12,7 @@ import os
 import shutil
 import struct
 import subprocess
-from collections.abc import Mapping, Sequence
+from collections.abc import Callable, Mapping, Sequence
 from contextlib import ExitStack
 from pathlib import Path
 from typing import Any
@@ -22,7 +22,7 @@ from device.architecture import architecture
 from device.bundles import SUCCEEDING_SCRIPT, Bundle, make_bundle, sign
 from device.https_server import AUTHORITY, HOST, Content, Server, authority
 from device.keys import Keys
-from device.rootfs import DAEMON, fill, make_null_device
+from device.rootfs import DAEMON, fill, inside, make_null_device
 from device.run import Run
 from device.services import TRANSFER_SERVICE, Shell, TransferService, enter, set_property, start_bus
 from device.syslog_receiver import SyslogReceiver
@@ -41,13 +41,18 @@ class VirtualDevice:
     `build` is the build directory of the daemon. `files` puts further files into the root or replaces
     programs (see `rootfs.fill`).
     The keys "prod" and "dev" are installed, and the address of the metadata document is configured.
+    `enter` gives the prefix that starts a program inside the root, `fill` makes the root.
     Only a process that `device.alone` has started can have one.
     """
 
-    def __init__(self, build: str | Path, files: Mapping[str, Path] | None = None):
+    def __init__(self, build: str | Path, files: Mapping[str, Path] | None = None,
+                 enter: Callable[[Path], list[str]] = enter,
+                 fill: Callable[[Path, Path, Mapping[str, Path]], None] = fill):
         self._build = build = Path(build).resolve()
         self._files = files or {}
         self._launcher = architecture(build / "zeloinstall").launcher
+        self._enter = enter
+        self._fill = fill
         self._numbers = itertools.count(1)
         self.keys = Keys(build / "device" / "keys")
 
@@ -55,7 +60,8 @@ class VirtualDevice:
         with ExitStack() as stack:
             self._base = stack.enter_context(alone.directory())
             self.root = self._base / "root"
-            fill(self.root, self._build, self._files)
+            self.entering = self._enter(self.root)
+            self._fill(self.root, self._build, self._files)
             self._configure()
             self._try_a_program()
             self.syslog = SyslogReceiver(self.path("/dev/log"))
@@ -64,9 +70,9 @@ class VirtualDevice:
             stack.callback(self.server.close)
             self.bus = start_bus(self._base, self.root)
             stack.callback(self.bus.stop)
-            self.transfers = TransferService(self._base, self.root)
+            self.transfers = TransferService(self._base, self.entering)
             stack.callback(lambda: self.transfers.stop())
-            self.shell = Shell(self._base, self.root)
+            self.shell = Shell(self._base, self.root, self.entering)
             stack.callback(self.shell.stop)
             self.set_pref("url.zelo.installer.metadata", f"{self.url(DOCUMENT)}?version=%s&package=%s")
             self._runs = stack.enter_context(ExitStack())
@@ -78,7 +84,7 @@ class VirtualDevice:
 
     def path(self, path: str) -> Path:
         """Where an absolute path of the device lies on this machine."""
-        return self.root / path.lstrip("/")
+        return inside(self.root, path)
 
     def url(self, path: str) -> str:
         """The address of a path of the download server, as the device sees it."""
@@ -143,7 +149,7 @@ class VirtualDevice:
 
     def restart_transfers(self) -> None:
         self.transfers.stop()
-        self.transfers = TransferService(self._base, self.root)
+        self.transfers = TransferService(self._base, self.entering)
 
     def mount_tmpfs(self, path: str, size: int) -> None:
         """Covers a directory with an empty file system of so many bytes; only where `alone.confined`."""
@@ -162,7 +168,7 @@ class VirtualDevice:
         starts it from outside the root, e.g. setarch. Further arguments go to `subprocess.Popen`.
         """
         output = self._base / f"output.{next(self._numbers)}"
-        command = [*prefix, *enter(self.root), *self._launcher, DAEMON]
+        command = [*prefix, *self.entering, *self._launcher, DAEMON]
         with open(output, "wb") as sink:
             popen = {"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink,
                      "start_new_session": True, **popen}
@@ -174,7 +180,7 @@ class VirtualDevice:
     def popen(self, command: Sequence[str], **popen: Any) -> subprocess.Popen[bytes]:
         """Starts any program inside the root; whoever asks for it waits for its end."""
         popen = {"env": {}, "cwd": self._base, "stdin": subprocess.DEVNULL, **popen}
-        return subprocess.Popen([*enter(self.root), *command], **popen)
+        return subprocess.Popen([*self.entering, *command], **popen)
 
     def log_lines(self) -> list[str]:
         """The texts of all that was logged on the device."""
@@ -200,7 +206,7 @@ class VirtualDevice:
             self.install_key(f"/etc/zelo/pubkey{name}.pem", name)
 
     def _try_a_program(self) -> None:
-        trial = [*enter(self.root), "/bin/sh", "-c", ":"]
+        trial = [*self.entering, "/bin/sh", "-c", ":"]
         done = subprocess.run(trial, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
         if done.returncode != 0:
             raise RuntimeError("the virtual device needs root or unprivileged user namespaces, and must be "

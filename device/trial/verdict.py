@@ -1,0 +1,74 @@
+"""May this bundle be shipped? What an author is told in the end, from what was seen."""
+
+from collections.abc import Iterator, Sequence
+from dataclasses import dataclass
+
+DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE"
+
+
+@dataclass(frozen=True)
+class Attempt:
+    """What was seen of one start of the daemon. Without a tracer some of it stays empty."""
+
+    status: int | None = 0  # None when it was stopped
+    code: str = ""  # what the user was shown
+    stopped: str = ""  # why it was stopped
+    reached_script: bool = True
+    script_end: str = "status 0"
+    stderr: bool = False
+    not_found: Sequence[str] = ()
+    left: Sequence[str] = ()
+    restarts: bool = False
+    changes: Sequence[str] = ("changed  /x",)
+
+    def installed(self) -> bool:
+        return self.status == 0 and not self.code
+
+    def outcome(self) -> str:
+        if self.stopped:
+            return self.stopped
+        if self.code:
+            return f"code {self.code}"
+        status = self.status or 0
+        return f"the daemon ended with {'signal' if status < 0 else 'status'} {abs(status)}"
+
+
+@dataclass(frozen=True)
+class Verdict:
+    lines: list[str]
+    status: int
+
+
+def judge(first: Attempt, second: Attempt | None, strict: bool) -> Verdict:
+    """`second` is the attempt that followed, on the same device with the same bundle."""
+    dead = second is not None and not second.installed() and not second.reached_script
+    why = [f"{DEAD}: the next attempt fails before it comes to its script ({second.outcome()})"
+           ] if second and dead else []
+    if not first.installed():
+        return Verdict([f"NOT INSTALLED: {first.outcome()}", *why], 1)
+    remarks = [*_remarks(first), *(why or (_remarks_on_second(second) if second else ()))]
+    if not remarks:
+        return Verdict(["installed"], 0)
+    return Verdict(["installed, but", *(f"  {remark}" for remark in remarks)], 1 if dead or strict else 0)
+
+
+def _remarks(attempt: Attempt) -> Iterator[str]:
+    if attempt.script_end and not attempt.script_end.startswith("status"):
+        yield f"run.sh was ended by {attempt.script_end}, which counts as success"
+    if attempt.not_found:
+        yield f"not found: {', '.join(attempt.not_found)}"
+    if attempt.stderr:
+        yield "something was written on standard error"
+    if attempt.left:
+        yield f"left running, until the service unit kills them: {', '.join(attempt.left)}"
+    if attempt.restarts:
+        yield "a restart of the device was asked for; devices run the bundle again after it"
+    if not attempt.changes:
+        yield "nothing changed on the device"
+
+
+def _remarks_on_second(second: Attempt) -> Iterator[str]:
+    if not second.installed():
+        yield f"the second attempt fails: {second.outcome()}"
+    if second.changes:
+        yield f"the second attempt changes more: {len(second.changes)} paths"

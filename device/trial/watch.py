@@ -1,0 +1,157 @@
+"""Runs one attempt, and shows what happens while it happens."""
+
+import os
+import re
+import select
+import time
+
+from device.command_line import Interrupted
+from device.run import Run
+from device.syslog_receiver import LogLine
+from device.trial.lines import Lines, printable, shortened
+from device.trial.trace import STRACE, Trace
+from device.trial.verdict import Attempt
+from device.virtual_device import VirtualDevice
+
+LEVELS = {3: "err", 4: "warning", 5: "notice"}
+STAGE = re.compile(":main:[A-Z][a-z]+ing ")
+NOT_FOUND = re.compile(r": ([^: ]+): (?:command )?not found$")
+LAST_STAGE = ":main:Running installer"
+SCRIPT_FAILED = "03"
+SIGNALLED = 128
+QUIET = 5.0  # seconds, after which an author wants to know what is waited for
+INTERVAL = 0.05
+
+
+class Watch:
+    """Of one start of the daemon; `traced` says whether strace may be used."""
+
+    def __init__(self, device: VirtualDevice, traced: bool):
+        self.interrupted: Interrupted | None = None
+        self.trace = Trace()
+        self._device = device
+        self._traced = traced
+        self._sources: dict[int, Lines] = {}
+        self._output = Lines(lambda line: self._show("stdout", f"{line}  (dropped on a device)"))
+        self._logged = len(device.syslog.lines())
+        self._ui_lines = len(device.shell_lines())
+        self._last_stage = self._wrote_stderr = False
+        self._explained = ""
+        self._begin = self._last_event = time.monotonic()
+
+    def run(self, timeout: float | None) -> Attempt:
+        """Stops it when it takes too long, or the user has seen enough."""
+        stopped, ended = "", False
+        run = self._start()
+        try:
+            while self._take() or not ended:
+                ended = run.status is not None
+                self._explain()
+                if timeout and time.monotonic() > self._begin + timeout:
+                    stopped = f"stopped after {timeout:g} s"
+                    break
+        except Interrupted as interruption:
+            self.interrupted, stopped = interruption, str(interruption)
+        running = list(self.trace.running().values())
+        run.stop()
+        last = time.monotonic() + 1  # what cannot be confined may go on writing
+        while self._take() and time.monotonic() < last:
+            pass
+        for descriptor in list(self._sources):
+            self._close(descriptor)
+        self._output.end()
+        return self._attempt(run, stopped, running)
+
+    def shown(self) -> list[str]:
+        """By the UI shell."""
+        return [line.partition(": ")[2] for line in self._device.shell_lines()[self._ui_lines:]]
+
+    def _start(self) -> Run:
+        stderr, to_stderr = os.pipe()
+        trace, to_trace = os.pipe()
+        # Whatever ends strace ends what it traces.
+        strace = [*STRACE, f"--output=/proc/self/fd/{to_trace}", "/usr/bin/setpriv", "--pdeathsig=KILL"]
+        run = self._device.start(prefix=strace if self._traced else (), pass_fds=(to_trace,),
+                                 stdout=to_stderr, stderr=to_stderr, start_new_session=True)
+        for descriptor in to_stderr, to_trace:
+            os.close(descriptor)
+        self._sources = {stderr: Lines(self._take_stderr),
+                         trace: Lines(lambda line: self._output.add(self.trace.feed(line)))}
+        return run
+
+    def _take(self) -> bool:
+        """Shows what is new; False when nothing has come from the processes."""
+        select.select(list(self._sources), [], [], INTERVAL)
+        log = self._device.syslog.lines()[self._logged:]
+        self._logged += len(log)
+        # A stage is announced before anything is written in it, and what follows is logged after that.
+        announced = max((number for number, line in enumerate(log, 1) if STAGE.search(line.text)), default=0)
+        for line in log[:announced]:
+            self._take_log(line)
+        ready = select.select(list(self._sources), [], [], 0)[0]
+        for descriptor in ready:
+            if piece := os.read(descriptor, 1 << 16):
+                self._sources[descriptor].add(piece)
+            else:
+                self._close(descriptor)
+        for line in log[announced:]:
+            self._take_log(line)
+        return bool(ready)
+
+    def _close(self, descriptor: int) -> None:
+        self._sources.pop(descriptor).end()
+        os.close(descriptor)
+
+    def _take_log(self, line: LogLine) -> None:
+        self._last_stage |= line.text.endswith(LAST_STAGE)
+        level = LEVELS.get(line.priority & 7, str(line.priority))
+        process = f"[{line.pid}]" if line.pid else ""
+        self._show(level, f"{line.ident}{process}: {line.text}")
+
+    def _take_stderr(self, line: str) -> None:
+        self._wrote_stderr = True
+        if missing := NOT_FOUND.search(line):  # which a shell finds out without trying
+            self.trace.not_found.append(missing[1])
+        self._show("stderr", line)
+
+    def _show(self, kind: str, text: str) -> None:
+        self._last_event = time.monotonic()
+        print(f"  {self._last_event - self._begin:8.3f} s  {kind:<7}  {printable(text)}", flush=True)
+
+    def _explain(self) -> None:
+        """Says what is waited for, once it has been quiet for a while."""
+        if time.monotonic() < self._last_event + QUIET or not self._last_stage:
+            return
+        running = self.trace.running()
+        if not self._traced:
+            why = "run.sh still runs, or something that it started holds its standard output"
+        elif self.trace.script in running:
+            del running[self.trace.script]
+            why = f"run.sh still runs: {', '.join(shortened(running.values())) or 'no other program'}"
+        else:
+            holders = shortened(command for pid, command in running.items() if holds(pid, self.trace.output))
+            why = f"run.sh has ended, but its standard output is held by: {', '.join(holders)}"
+        if why != self._explained:
+            self._show("waiting", why)
+            self._explained = why
+
+    def _attempt(self, run: Run, stopped: str, running: list[str]) -> Attempt:
+        codes = re.findall(r"showError (\d\d)", "\n".join(self.shown()))
+        code = codes[-1] if codes else ""
+        status = None if stopped else run.status
+        if status is not None and status > SIGNALLED:
+            status = SIGNALLED - status
+        succeeded = status == 0 and not code
+        reached = bool(self.trace.script) if self._traced else succeeded or code == SCRIPT_FAILED
+        return Attempt(status, code, stopped, reached, self.trace.script_end, self._wrote_stderr,
+                       shortened(self.trace.not_found), shortened(running if stopped else self.trace.left),
+                       self.trace.restarts)
+
+
+def holds(pid: int, pipe: str) -> bool:
+    """Whether a process has the pipe open."""
+    try:
+        directory = f"/proc/{pid}/fd"
+        return any(os.readlink(f"{directory}/{number}") == pipe for number in os.listdir(directory))
+    except OSError:  # ended meanwhile
+        return False

@@ -5,7 +5,8 @@ import re
 import select
 import time
 
-from device.command_line import Interrupted
+from command import Stopped
+
 from device.run import Run
 from device.syslog_receiver import LogLine
 from device.trial.lines import Lines, printable, shortened
@@ -27,7 +28,7 @@ class Watch:
     """Of one start of the daemon; `traced` says whether strace may be used."""
 
     def __init__(self, device: VirtualDevice, traced: bool):
-        self.interrupted: Interrupted | None = None
+        self.interrupted: Stopped | None = None
         self.trace = Trace()
         self._device = device
         self._traced = traced
@@ -50,7 +51,7 @@ class Watch:
                 if timeout and time.monotonic() > self._begin + timeout:
                     stopped = f"stopped after {timeout:g} s"
                     break
-        except Interrupted as interruption:
+        except Stopped as interruption:
             self.interrupted, stopped = interruption, str(interruption)
         running = list(self.trace.running().values())
         run.stop()

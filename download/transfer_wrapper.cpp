@@ -51,6 +51,7 @@ void TransferWrapper::download(int timeoutSeconds) {
     waitForFinalReport(deadline);
   }
   getTransferService()->finishTransfer(getTransfer(), 0);
+  passGate();  // the service may have taken so long that the last line has been written
 
   const MutexLock lock(mutex);
   if (!completed) throw std::runtime_error("download failed");

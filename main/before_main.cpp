@@ -9,7 +9,9 @@
 #include "utils/inherited_state.h"
 
 // Nothing can catch an exception here. The terminate handler, installed first, reports it and ends the
-// process. NOLINTBEGIN(cert-err58-cpp)
+// process.
+
+// NOLINTBEGIN(cert-err58-cpp)
 
 namespace {
 

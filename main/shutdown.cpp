@@ -93,7 +93,7 @@ void startShutdownThreads() {
 
 void shutdownHandler(int signum) {
   if (signum == 0) {
-    if (zelo::terminationSignal() != 0) zelo::parkForever();
+    zelo::passGate();
     writeLine(signum);
     releaseSingleInstance();
   } else if (getpid() != g_daemon_pid) {  // a forked child, not yet its program

@@ -2,8 +2,7 @@
 
 /// Starts the threads that end the process after a termination signal: they write the "going down" line,
 /// wait until no started program is running, release the lock and end the process by the same signal. Call
-/// it from the main thread before `shutdownHandler` is installed. Throws `std::system_error` if the threads
-/// cannot be started.
+/// it before `shutdownHandler` is installed. Throws `std::system_error` if the threads cannot be started.
 void startShutdownThreads();
 
 /// As a signal handler, on any thread (async-signal-safe): hands the signal to the shutdown threads; in a

@@ -44,7 +44,9 @@ void endOnUncaughtExceptions() noexcept {
 }
 
 void makeAbortsCrash() noexcept {
-  (void)signal(SIGABRT, SIG_DFL);
+  struct sigaction action = {};
+  (void)sigaction(SIGABRT, nullptr, &action);
+  if (action.sa_handler == endWithStatusOne) (void)signal(SIGABRT, SIG_DFL);  // else it is a library's
 }
 
 }  // namespace zelo

@@ -27,11 +27,13 @@ namespace {
 // The number of close_range, which kernels have since 5.9 and older headers lack. ARM and x86 use the same.
 constexpr long closeRange = 436;
 
-// If SIGCHLD is ignored, the system discards exit statuses.
+// The system may be set to discard exit statuses: by a starter that ignores SIGCHLD, or by a library.
 void keepExitStatuses() {
   struct sigaction action = {};
-  (void)sigaction(SIGCHLD, nullptr, &action);
-  if (action.sa_handler == SIG_IGN) (void)signal(SIGCHLD, SIG_DFL);
+  if (sigaction(SIGCHLD, nullptr, &action) != 0) return;
+  if (action.sa_handler == SIG_IGN) action.sa_handler = SIG_DFL;
+  action.sa_flags &= ~SA_NOCLDWAIT;
+  (void)sigaction(SIGCHLD, &action, nullptr);
 }
 
 // For the forked child: in the parent, the libraries' threads could open more at the same time.
@@ -73,8 +75,8 @@ void replaceUnreadStandardError() {
 [[noreturn]] void becomeProgram(char* const arguments[], int output, int launch) {
   if (terminationSignal() != 0) _exit(EXIT_FAILURE);  // noted just before the fork
   (void)signal(SIGPIPE, SIG_DFL);                     // libraries ignore it for the daemon
-  const bool redirected = dup2(output, STDOUT_FILENO) >= 0;
   replaceUnreadStandardError();
+  const bool redirected = dup2(output, STDOUT_FILENO) >= 0;
   constexpr int lastKept = STDERR_FILENO + 1;
   const int kept = launch == lastKept ? launch : dup3(launch, lastKept, O_CLOEXEC);
   if (redirected && kept >= 0) {
@@ -134,19 +136,18 @@ struct Pipe {
   }
 }
 
-// Returns when the child has become its program, or after reporting why it could not.
-void awaitLaunch(int launch) {
-  const std::string failure = readToEnd(launch);
+// Returns 0 when the child has become its program, or the number of the error that kept it from that.
+[[nodiscard]] int awaitLaunch(int launch) {
   int error = 0;
-  if (failure.size() != sizeof error) return;
-  std::memcpy(&error, failure.data(), sizeof error);
-  errno = error;
-  std::perror("execve");
+  while (read(launch, &error, sizeof error) < 0 && errno == EINTR) {
+  }
+  return error;
 }
 
 struct Outcome {
-  bool succeeded;
+  int launchError;
   std::string output;
+  bool succeeded;
 };
 
 // Does not return once a termination signal has arrived: if the same signal has killed the program, that must
@@ -166,17 +167,21 @@ struct Outcome {
 
   output.writeEnd.close();
   launch.writeEnd.close();
-  awaitLaunch(launch.readEnd.get());
+  const int launchError = awaitLaunch(launch.readEnd.get());
   launch.readEnd.close();
   wait.programRuns();
   std::string text = readToEnd(output.readEnd.get());
-  return {child.wait(), std::move(text)};
+  return {launchError, std::move(text), child.wait()};
 }
 
 }  // namespace
 
 std::string runProcess(char* const arguments[]) {
   Outcome outcome = runToItsEnd(arguments);
+  if (outcome.launchError != 0) {
+    errno = outcome.launchError;
+    std::perror("execve");
+  }
   if (!outcome.succeeded) throw std::runtime_error("failed to execute command");
   return std::move(outcome.output);
 }

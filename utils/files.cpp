@@ -91,7 +91,7 @@ void sleepSeconds(std::uint32_t seconds) {
   const auto end = steady_clock::now() + microseconds(rest);
   while (usleep(rest) != 0 && errno == EINTR) {
     const auto left = std::chrono::duration_cast<microseconds>(end - steady_clock::now());
-    rest = static_cast<std::uint32_t>(std::max(left.count(), microseconds::zero().count()));
+    rest = static_cast<std::uint32_t>(std::max(left, microseconds::zero()).count());
   }
 }
 

@@ -18,13 +18,19 @@ void openStandardDescriptors() {
   }
 }
 
-void doNothing(int /*signum*/) {}
+void surviveFailedWrites() {
+  for (const int signum : {SIGPIPE, SIGXFSZ}) {
+    struct sigaction action = {};
+    (void)sigaction(signum, nullptr, &action);
+    if (action.sa_handler == SIG_DFL) (void)signal(signum, [](int) {});
+  }
+}
 
 }  // namespace
 
 void repairInheritedState() {
   openStandardDescriptors();
-  for (const int signum : {SIGPIPE, SIGXFSZ}) (void)signal(signum, doNothing);
+  surviveFailedWrites();
   sigset_t none;
   sigemptyset(&none);
   pthread_sigmask(SIG_SETMASK, &none, nullptr);

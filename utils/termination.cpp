@@ -29,6 +29,11 @@ Activity g_activity = Activity::acts;
   return goesOn;
 }
 
+[[noreturn]] void parkForever() noexcept {
+  (void)become(Activity::waits);
+  for (;;) pause();
+}
+
 }  // namespace
 
 bool noteTerminationSignal(int signum) noexcept {
@@ -40,9 +45,8 @@ int terminationSignal() noexcept {
   return g_termination_signal.load();
 }
 
-void parkForever() noexcept {
-  (void)become(Activity::waits);
-  for (;;) pause();
+void passGate() noexcept {
+  if (terminationSignal() != 0) parkForever();
 }
 
 Wait::Wait(For what) noexcept {

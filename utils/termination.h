@@ -14,8 +14,8 @@ namespace zelo {
 /// The termination signal that was noted, 0 before there is one. Async-signal-safe.
 [[nodiscard]] int terminationSignal() noexcept;
 
-/// Makes the main thread wait until the process ends.
-[[noreturn]] void parkForever() noexcept;
+/// For the main thread. Returns, unless a termination signal has been noted: then it waits for the end.
+void passGate() noexcept;
 
 /// The main thread waits for as long as one of these lives. Neither the constructor nor the destructor
 /// returns once a termination signal has been noted.

@@ -52,7 +52,7 @@ def test_what_the_script_inherits(device: VirtualDevice, gate: Gate) -> None:
         gate.open()
         [work] = set(device.work_directories()) - set(before)
         words = ["/bin/sh", f"/tmp/{work.name}/run.sh", ""]
-        ignored = 1 << (signal.SIGUSR1 - 1) if signal.SIGUSR1 in state[2] else 0
+        ignored = sum(1 << (signum - 1) for signum in (signal.SIGUSR1, signal.SIGXFSZ) if signum in state[2])
         assert run.wait() == 0
         assert found == [[0, 1, 2], 0, ignored, "", words, str(device.root)], state
 

@@ -2,7 +2,7 @@
 # What somebody would write instead of the daemon: ADDRESS is that of the metadata document.
 set -eu
 PATH=/usr/bin:/bin
-directory=/tmp/by-hand
+directory=/tmp/bench
 document=$(curl -sSf --cacert /etc/ssl/certs/ca-certificates.crt "$1")
 url=${document#*'"url": "'}
 url=${url%%'"'*}
@@ -12,4 +12,4 @@ curl -sSf --cacert /etc/ssl/certs/ca-certificates.crt -o "$directory/archive" "$
 echo "$signature" | base64 -d >"$directory/decoded"
 openssl dgst -sha256 -verify /etc/zelo/pubkeyprod.pem -signature "$directory/decoded" "$directory/archive" >/dev/null
 tar -xzf "$directory/archive" -C "$directory"
-exec "$directory/run.sh"
+"$directory/run.sh"

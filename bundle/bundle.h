@@ -6,29 +6,27 @@ namespace zelo {
 
 class ZeloInstaller;
 
-/// A bundle on disk: the archive and its signature. Neither file is ever removed. What verifies is defined
-/// in bundle_signature.cpp.
+/// A bundle on disk: the archive and its signature. Neither file is ever removed.
 class ZeloInstallerBundle {
  public:
-  /// From absolute paths; neither file is examined.
+  /// Takes absolute paths; looks at neither file.
   ZeloInstallerBundle(const std::string& archiveFile, const std::string& signatureFile);
   ZeloInstallerBundle(const ZeloInstallerBundle&) = default;
   ZeloInstallerBundle& operator=(const ZeloInstallerBundle&) = default;
   virtual ~ZeloInstallerBundle() = default;
 
-  /// Returns when the archive's signature verifies against the production key or, on a device with
-  /// debugging features, the development key. Throws `ZeloException` with the validation code.
+  /// Returns if the signature verifies with the production key or, on a device with debugging features, with
+  /// the development key. Otherwise throws `ZeloException` with the validation code.
   virtual void validate() const;
 
   /// Unpacks the archive into its own directory. Throws `ZeloException` with the extraction code.
   [[nodiscard]] virtual ZeloInstaller extract() const;
 
   /// Moves archive and signature into a directory and returns the bundle there. Throws what `moveFile`
-  /// throws; the archive may have been moved then.
+  /// throws, perhaps after moving the archive.
   [[nodiscard]] virtual ZeloInstallerBundle moveTo(const std::string& directory) const;
 
-  /// Returns when the archive's signature verifies against a PEM public key; throws
-  /// `std::runtime_error` otherwise.
+  /// Returns if the signature verifies with a PEM public key; otherwise throws `std::runtime_error`.
   virtual void verifySignature(const std::string& keyPath) const;
 
   [[nodiscard]] const std::string& getBundlePath() const { return bundlePath; }

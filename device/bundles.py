@@ -13,7 +13,7 @@ TOOL = Path(__file__).resolve().parent.parent / "tools" / "make-bundle"
 
 INSTALLED = "/tmp/installed"
 RECORD = f"echo installed >>{INSTALLED}"  # for each run of a script of ours
-SUCCEEDING_SCRIPT = f"#!/bin/sh\n{RECORD}\n"
+SUCCEEDING_SCRIPT = f"#!/bin/sh\nset -e\n{RECORD}\n"
 
 
 @dataclass(frozen=True)

@@ -118,7 +118,7 @@ def tampered(d: VirtualDevice) -> None:
 
 
 def script(text: str) -> Change:
-    return lambda d: d.publish(d.make_bundle(script=f"#!/bin/sh\n{text}\n"))
+    return lambda d: d.publish(d.make_bundle(script=f"#!/bin/sh\nset -e\n{text}\n"))
 
 
 def raw_archive(content: bytes) -> Change:

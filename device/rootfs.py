@@ -20,10 +20,10 @@ FROM_BUILD = {
     "/usr/bin/vestrel": "standin/vestrel",
     TransferService.PROGRAM: "standin/transfer-service",
 }
-STANDIN = Path(__file__).resolve().parents[1] / "standin"
+TOOLS = Path(__file__).resolve().parents[1] / "standin" / "tools"
 SCRIPTS = {
-    "/usr/bin/kbus-set-prop": STANDIN / "kbus-set-prop",
-    "/usr/bin/kbus-send-event": STANDIN / "kbus-send-event",
+    "/usr/bin/kbus-set-prop": TOOLS / "kbus-set-prop",
+    "/usr/bin/kbus-send-event": TOOLS / "kbus-send-event",
 }
 LONGEST_WAY = 1000  # names of a path, or it is a loop of links
 DIRECTORIES = ("dev", "etc/zelo", "etc/ssl/certs", "proc", "run", "tmp", "usr/bin", "usr/lib", "usr/lib64",

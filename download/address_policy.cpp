@@ -11,7 +11,7 @@ bool isAddressNotAllowed(const std::string& address) {
   if (!uri) return true;
 
   const char* hostText = soup_uri_get_host(uri.get());
-  if (hostText == nullptr || *hostText == '\0') return true;  // clients look for one in the path then
+  if (hostText == nullptr || *hostText == '\0') return true;  // or clients look for a host in the path
   const std::string scheme = soup_uri_get_scheme(uri.get());
   std::string host = hostText;
   std::transform(host.begin(), host.end(), host.begin(),

@@ -16,7 +16,7 @@ std::string expandAddressTemplate(const std::string& addressTemplate, const std:
       address += addressTemplate[i];
       continue;
     }
-    const char conversion = addressTemplate[++i];  // a null at the end
+    const char conversion = addressTemplate[++i];  // at the end, the null
     if (conversion == '%') {
       address += '%';
     } else if (conversion == 's' && used < std::size(values)) {

@@ -4,7 +4,7 @@
 
 namespace zelo {
 
-/// The longest request address; what goes beyond is cut off.
+/// The longest request address; the rest is cut off.
 inline constexpr std::size_t maxMetadataUrlLength = 199;
 
 /// Replaces the first "%s" of the template by `version`, the second by `packageName`, and "%%" by '%'.

@@ -6,25 +6,24 @@ namespace zelo {
 
 class ZeloInstallerBundle;
 
-/// Where the bundle meant for this device can be downloaded and where its signature lies on disk.
+/// The address of the bundle meant for this device, and the path of its signature file.
 class ZeloInstallerBundleMetadata {
  public:
-  /// The metadata stage: downloads the metadata document, writes the signature into its file and
-  /// checks the bundle's address. Throws `ZeloException` with the download code when the document
-  /// cannot be had or the address is refused; `std::runtime_error` when the request address cannot be
-  /// built or the retry count is negative; what `readDownloadLimits` throws.
+  /// The metadata stage: downloads the document, writes the signature to its file and checks the bundle's
+  /// address. Throws `ZeloException` with the download code if there is no usable document or the address is
+  /// refused, `std::runtime_error` if the request address cannot be built or the retry count is negative, and
+  /// what `readDownloadLimits` throws.
   ZeloInstallerBundleMetadata();
 
-  /// From an address and the path of a signature file that are known already.
+  /// For an address and a signature file that are known already.
   ZeloInstallerBundleMetadata(const std::string& bundleUrl, const std::string& signatureFile);
   ZeloInstallerBundleMetadata(const ZeloInstallerBundleMetadata&) = default;
   ZeloInstallerBundleMetadata& operator=(const ZeloInstallerBundleMetadata&) = default;
   virtual ~ZeloInstallerBundleMetadata() = default;
 
-  /// The bundle stage: downloads the archive into the signature file's directory. Throws
-  /// `ZeloException` with the download code; `std::runtime_error` when the retry count is negative or
-  /// the signature path empty; what `readDownloadLimits` throws. Defined in bundle/download_bundle.cpp,
-  /// since it makes a bundle.
+  /// The bundle stage: downloads the archive into the signature file's directory. Throws `ZeloException` with
+  /// the download code, `std::runtime_error` if the retry count is negative or the signature path empty, and
+  /// what `readDownloadLimits` throws. Defined in bundle/download_bundle.cpp, because it makes a bundle.
   [[nodiscard]] ZeloInstallerBundle downloadBundle() const;
 
  private:

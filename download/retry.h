@@ -13,16 +13,15 @@ struct DownloadLimits {
   int timeoutSeconds;
 };
 
-/// Throws as `getDownloadRetries` and `getDownloadTimeoutSeconds` do, which it calls in this order.
+/// Calls `getDownloadRetries`, then `getDownloadTimeoutSeconds`, and throws what they throw.
 [[nodiscard]] DownloadLimits readDownloadLimits();
 
-/// Pauses for as many seconds as there were attempts before this one, at most `maxSleepSeconds`.
+/// Pauses one second for each earlier attempt, at most `maxSleepSeconds`.
 void pauseBeforeAttempt(int attempt);
 
-/// Calls `attempt` until it succeeds, at most `retries` times more than once, and returns its result.
-/// Every `std::runtime_error` is logged; the last one becomes a `ZeloException` with the download
-/// code. Other exceptions pass through at once. Negative `retries` throw `std::runtime_error`
-/// "illegal state".
+/// Calls `attempt` until it succeeds, at most 1 + `retries` times, and returns its result. Logs every
+/// `std::runtime_error`; the last one becomes a `ZeloException` with the download code. Other exceptions pass
+/// through at once. If `retries` is negative, throws `std::runtime_error` "illegal state".
 template <typename Attempt>
 auto withRetries(int retries, const char* subject, Attempt attempt) -> decltype(attempt()) {
   for (int n = 0; n <= retries; ++n) {

@@ -12,8 +12,8 @@ inline constexpr const char* SERVICE_NAME = "com.qorvex.zeloinstall";
 /// object, built before `main` runs.
 class TransferServiceWrapper {
  public:
-  /// Throws `std::runtime_error` "Failed to initialize kbus handle". A client that does not get ready
-  /// is only logged: the downloads fail then.
+  /// Throws `std::runtime_error` "Failed to initialize kbus handle". If the client does not get ready, that
+  /// is only logged, and the downloads fail later.
   TransferServiceWrapper();
   TransferServiceWrapper(const TransferServiceWrapper&) = delete;
   TransferServiceWrapper& operator=(const TransferServiceWrapper&) = delete;
@@ -28,9 +28,9 @@ class TransferServiceWrapper {
   };
 
   std::unique_ptr<KbusHandleStruct, CloseBus> bus;
-  std::unique_ptr<xfr::TransferServiceImpl> service;  // after the bus: deleted before it is closed
+  std::unique_ptr<xfr::TransferServiceImpl> service;  // after the bus, so deleted before it is closed
 };
 
-/// The client that every download uses; callable from any thread once `main` runs. Defined beside the one
-/// `TransferServiceWrapper`, in main/before_main.cpp.
+/// The client that every download uses. Any thread may call this once `main` runs. Defined in
+/// main/before_main.cpp, next to the one `TransferServiceWrapper`.
 [[nodiscard]] xfr::TransferServiceImpl* getTransferService();

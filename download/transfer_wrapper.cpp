@@ -48,16 +48,17 @@ void TransferWrapper::download(int timeoutSeconds) {
 
   {
     const Wait wait(Wait::event);
-    waitForEnd(deadline);
-    getTransferService()->finishTransfer(getTransfer(), 0);
+    waitForFinalReport(deadline);
   }
+  getTransferService()->finishTransfer(getTransfer(), 0);
+  passGate();  // the service may have taken so long that the last line has been written
 
   const MutexLock lock(mutex);
   if (!completed) throw std::runtime_error("download failed");
 }
 
 void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
-  if (terminationSignal() != 0) return;  // the process ends, and its last line has been or is being written
+  if (terminationSignal() != 0) return;  // its last line may have been written
   if (transferStatus == nullptr) {
     logWarning("W TransferWrapper:onProgress:transferStatus is NULL:");
     return;
@@ -77,7 +78,7 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
     case xfr::transferFailed: {
       logWarning("W TransferWrapper:onProgress:transferFailed:error_code=%d", transferStatus->getErrorCode());
       const MutexLock lock(mutex);
-      signalEnd();
+      signalFinalReport();
       return;
     }
     case xfr::transferDeferred: {
@@ -90,15 +91,16 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
         return;
       }
       const MutexLock lock(mutex);
-      signalEnd();
+      signalFinalReport();
       return;
     }
     case xfr::downloadCompleted: {
       logInfo("I TransferWrapper:onProgress:status=downloadCompleted:");
+      // Read again: the library may change the status meanwhile, and its last word counts.
       const bool isCompleted = transferStatus->getState() == xfr::downloadCompleted;
       const MutexLock lock(mutex);
       completed = isCompleted;
-      signalEnd();
+      signalFinalReport();
       return;
     }
     default:
@@ -108,7 +110,7 @@ void TransferWrapper::onProgress(xfr::TransferStatus* transferStatus) {
 
 void TransferWrapper::setTransfer(xfr::Transfer* handle) {
   const MutexLock lock(mutex);
-  (void)transfer.release();  // the library's, which has announced another one or taken it back
+  (void)transfer.release();  // now the library's again
   transfer.reset(handle);
 }
 
@@ -117,14 +119,14 @@ xfr::Transfer* TransferWrapper::getTransfer() {
   return transfer.get();
 }
 
-// An end that was reported before the wait began counts, too.
-void TransferWrapper::waitForEnd(const timespec& deadline) {
+// A final report that came before the wait counts too.
+void TransferWrapper::waitForFinalReport(const timespec& deadline) {
   const MutexLock lock(mutex);
   int result = 0;
   while (!ended && result == 0) result = pthread_cond_timedwait(&condition, &mutex, &deadline);
 }
 
-void TransferWrapper::signalEnd() {
+void TransferWrapper::signalFinalReport() {
   ended = true;
   pthread_cond_signal(&condition);
 }

@@ -4,8 +4,7 @@
 
 namespace zelo {
 
-/// The directory that holds all files of this run; made before `main` runs, in main/before_main.cpp, and
-/// left in place.
+/// The directory for all files of this run. Made before `main` runs, in main/before_main.cpp; never removed.
 extern const std::string g_work_directory;
 
 }  // namespace zelo

@@ -8,19 +8,20 @@
 #include "utils/files.h"
 #include "utils/inherited_state.h"
 
-// Nothing can catch an exception here: the terminate handler, installed first, ends the process in order.
+// Nothing can catch an exception here. The terminate handler, installed first, reports it and ends the
+// process.
+
 // NOLINTBEGIN(cert-err58-cpp)
 
 namespace {
 
-/// First, so that whatever fails after it ends the process in order, with sane descriptors and signals.
+/// First, so that any later failure is reported, with working descriptors and signals.
 struct ProcessFrame {
   ProcessFrame() {
     zelo::endOnUncaughtExceptions();
     zelo::repairInheritedState();
-    // One heap for all threads: where memory is short a second one may be refused, which libraries do not
-    // survive.
-    (void)mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): there is one thread yet
+    // One heap for all threads: if memory is short, the libraries crash when a second one is refused.
+    (void)mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): there is only one thread yet
   }
 };
 

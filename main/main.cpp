@@ -8,14 +8,16 @@
 #include "main/pipeline.h"
 #include "main/shutdown.h"
 #include "main/single_instance.h"
+#include "main/uncaught.h"
 #include "platform/ctrap.h"
 #include "platform/qorvex_daemon.h"
-#include "utils/termination.h"
 
 namespace {
 
 constexpr std::uint32_t allLevels = 0x0FFF0000;
 
+// Static initialisation has repaired the inherited state, made the work directory and opened the bus; see
+// main/before_main.cpp.
 void run() {
   g_qorvex_log_mask = allLevels;
   openlog("zeloinstall", LOG_PID | LOG_CONS, LOG_LOCAL0);
@@ -23,6 +25,7 @@ void run() {
   checkSingleInstance();
   startShutdownThreads();
   for (const int signum : {SIGTERM, SIGQUIT, SIGINT, SIGHUP}) (void)signal(signum, shutdownHandler);
+  zelo::makeAbortsCrash();
   ctrap_register_signal_handlers();
 
   zelo::runPipeline();
@@ -35,9 +38,7 @@ int main() {
   try {
     run();
   } catch (...) {
-    // Caught so that the stack is unwound: a started program is waited for before the process ends.
-    if (zelo::terminationSignal() != 0) zelo::awaitEnd();
-    std::terminate();
+    std::terminate();  // the stack is unwound first: a started program is waited for
   }
   return 0;
 }

@@ -1,5 +1,5 @@
-// Which version is in the field? Any start is an attempt, so the program cannot be asked. `systemd-analyze
-// inspect-elf`, coredumpctl and `readelf --notes` find the answer in this note.
+// The program's version, for `systemd-analyze inspect-elf`, coredumpctl and `readelf --notes`. There is no
+// --version: any start is an attempt.
 
 __asm__(R"(
   .pushsection .note.package, "a", %note

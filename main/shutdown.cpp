@@ -4,6 +4,7 @@
 #include <semaphore.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -16,9 +17,9 @@
 namespace {
 
 pid_t g_daemon_pid = 0;
-pthread_t g_main_thread{};
 sem_t g_signal_noted;  // posted once for each thread
 sem_t g_line_written;
+std::atomic<bool> g_line_begun{false};
 
 timespec fromNow(time_t seconds) {
   timespec time{};
@@ -27,18 +28,20 @@ timespec fromNow(time_t seconds) {
   return time;
 }
 
-void waitFor(sem_t& semaphore) {
-  while (sem_wait(&semaphore) != 0 && errno == EINTR) {
+void awaitSignal() {
+  while (sem_wait(&g_signal_noted) != 0 && errno == EINTR) {
   }
 }
 
-void waitForLine() {
+void awaitLine() {
   const timespec deadline = fromNow(zelo::logPatienceSeconds);
   while (sem_clockwait(&g_line_written, CLOCK_MONOTONIC, &deadline) != 0 && errno == EINTR) {
   }
 }
 
+// One line per process: a signal may still arrive after the line of a complete run.
 void writeLine(int signum) {
+  if (g_line_begun.exchange(true)) return;
   zelo::logInfo("I def:zeloinstall:signum=%d:We're going down...", signum);
 }
 
@@ -53,19 +56,19 @@ void writeLine(int signum) {
   _exit(128 + signum);  // the first process of a container has no default actions
 }
 
-// A thread of its own, because a log receiver that does not read blocks whoever writes. If the main thread
-// acts until the deadline, it is stuck in the platform; the line is written all the same.
+// Only writes, because a log receiver that has stopped reading blocks it. If the main thread still acts at
+// the deadline, it is stuck in the platform, and the line is written anyway.
 void* lineThread(void* /*unused*/) {
-  waitFor(g_signal_noted);
-  zelo::awaitMainThread(fromNow(zelo::logPatienceSeconds / 2));
+  awaitSignal();
+  zelo::awaitIdleMainThread(fromNow(zelo::logPatienceSeconds / 2));
   writeLine(zelo::terminationSignal());
   sem_post(&g_line_written);
   return nullptr;
 }
 
 void* endThread(void* /*unused*/) {
-  waitFor(g_signal_noted);
-  waitForLine();
+  awaitSignal();
+  awaitLine();
   zelo::awaitNoProgram();
   releaseSingleInstance();
   endBy(zelo::terminationSignal());
@@ -83,38 +86,21 @@ void startThread(void* (*body)(void*)) {
 
 void startShutdownThreads() {
   g_daemon_pid = getpid();
-  g_main_thread = pthread_self();
   for (sem_t* semaphore : {&g_signal_noted, &g_line_written}) sem_init(semaphore, 0, 0);
-
-  // The main thread gets all signals, except those of a fault: a blocked one would leave no crash dump.
-  sigset_t most;
-  sigset_t previous;
-  sigfillset(&most);
-  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGSYS, SIGTRAP, SIGABRT}) sigdelset(&most, fault);
-  pthread_sigmask(SIG_SETMASK, &most, &previous);
   startThread(lineThread);
   startThread(endThread);
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 void shutdownHandler(int signum) {
   if (signum == 0) {
-    if (zelo::terminationSignal() != 0) zelo::awaitEnd();
+    zelo::passGate();
     writeLine(signum);
     releaseSingleInstance();
-    return;
-  }
-  if (getpid() != g_daemon_pid) {  // a forked child that has not become its program yet
+  } else if (getpid() != g_daemon_pid) {  // a forked child, not yet its program
     (void)signal(signum, SIG_DFL);
     (void)raise(signum);
-    return;
-  }
-  const int savedErrno = errno;
-  if (pthread_equal(pthread_self(), g_main_thread) == 0) {
-    pthread_kill(g_main_thread, signum);
   } else if (zelo::noteTerminationSignal(signum)) {
     sem_post(&g_signal_noted);
     sem_post(&g_signal_noted);
   }
-  errno = savedErrno;
 }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* pidFile = "/var/run/zeloinstall.pid";
 
-// -1 before the check and once the lock has been released.
+// -1 before the check and after the release.
 std::atomic<std::int32_t> g_singleton_handle{-1};
 
 pthread_mutex_t g_releasing = PTHREAD_MUTEX_INITIALIZER;

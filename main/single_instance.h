@@ -2,16 +2,16 @@
 
 #include <stdexcept>
 
-/// "one more instance of zeloinstall is running.": no fault of this one.
+/// "one more instance of zeloinstall is running.": not an error of this instance.
 class AnotherInstance : public std::runtime_error {
  public:
   AnotherInstance();
 };
 
-/// Takes the lock that only one instance can hold. Throws `AnotherInstance`, after a line that says so,
-/// when another one holds it.
+/// Takes the lock that only one instance can hold. If another one holds it, logs that and throws
+/// `AnotherInstance`.
 void checkSingleInstance();
 
-/// Releases the lock if it is held, from whichever thread comes first; any other waits until it is
-/// released. A second release could hit the lock of the next instance.
+/// Releases the lock if it is held. Any thread may call this: the first releases, the others wait until that
+/// is done. A second release could hit the next instance's lock.
 void releaseSingleInstance();

@@ -1,6 +1,5 @@
 #include "main/uncaught.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -29,7 +28,7 @@ void endWithStatusOne(int /*signum*/) {
   try {
     std::rethrow_exception(exception);
   } catch (const AnotherInstance&) {
-    _exit(EXIT_FAILURE);  // its line has been written
+    _exit(EXIT_FAILURE);  // already logged
   } catch (const std::exception& error) {
     end(error.what());
   } catch (...) {
@@ -41,18 +40,13 @@ void endWithStatusOne(int /*signum*/) {
 
 void endOnUncaughtExceptions() noexcept {
   std::set_terminate(endUncaught);
-  // Until the crash-dump handlers are installed, an abort counts as a failed start: a library aborts when it
-  // lacks a resource.
   (void)signal(SIGABRT, endWithStatusOne);
 }
 
-void endWithinLogPatience() noexcept {
-  (void)signal(SIGALRM, endWithStatusOne);
-  sigset_t only;
-  sigemptyset(&only);
-  sigaddset(&only, SIGALRM);
-  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
-  alarm(logPatienceSeconds);
+void makeAbortsCrash() noexcept {
+  struct sigaction action = {};
+  (void)sigaction(SIGABRT, nullptr, &action);
+  if (action.sa_handler == endWithStatusOne) (void)signal(SIGABRT, SIG_DFL);  // else it is a library's
 }
 
 }  // namespace zelo

@@ -2,13 +2,13 @@
 
 namespace zelo {
 
-/// From here on an exception that nothing catches, in whatever thread, ends the process with status 1:
-/// one error line, unless it is an `AnotherInstance`, no abort, no core. A library's abort ends it with
-/// status 1, too, until the crash-dump handlers are installed.
+/// From here on an uncaught exception on any thread ends the process with status 1, without abort or core
+/// dump. It is logged, unless it is an `AnotherInstance`. A library that aborts during the start, for lack of
+/// some resource, ends the process with status 1 too.
 void endOnUncaughtExceptions() noexcept;
 
-/// From here on the process has `logPatienceSeconds` to end with status 1 by itself, before it is ended: for
-/// who has a last line to write, to a log receiver that may have stopped reading.
-void endWithinLogPatience() noexcept;
+/// From here on an abort is a crash again. Call it just before the crash-dump handlers are installed, which
+/// must find the default action.
+void makeAbortsCrash() noexcept;
 
 }  // namespace zelo

@@ -6,8 +6,8 @@ struct cJSON;
 
 extern "C" {
 
-/// The text of the string member `name` of `object`, matched with regard to letter case; owned by the
-/// tree and valid while the tree lives. `fallback` when there is no such member or it is not a string.
+/// The text of the string member `name` of `object`; letter case matters. The tree owns it. `fallback` if
+/// there is no such member or it is not a string.
 const char* cJSON_GetStringItem(const cJSON* object, const char* name, const char* fallback);
 
 }  // extern "C"

@@ -4,7 +4,7 @@
 
 extern "C" {
 
-/// Installs the handlers that record where a fatal signal struck before the process ends by it.
+/// Installs handlers that record where a fatal signal occurred, and then let it end the process.
 void ctrap_register_signal_handlers();
 
 }  // extern "C"

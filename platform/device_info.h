@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-/// What the device knows about its software.
+/// The device's software.
 
 extern "C" {
 

@@ -1,33 +1,90 @@
-"""How the tools for bundles run others and end: one line for what stops them, and nothing left behind."""
+"""How a command ends: after one line that says what stopped it, and with nothing left behind.
+
+The command itself is imported late, so that Ctrl-C shows no traceback; this file imports next to nothing.
+"""
 
 import os
-import re
 import signal
-import subprocess
 import sys
-import tempfile
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
-from pathlib import Path
-from types import FrameType
-from typing import NoReturn
 
 ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+NAME = os.path.basename(sys.argv[0])  # what the command was called by
 
 
-class Failure(Exception):
+class Failure(RuntimeError):
     """Why the command cannot do its work, in one line for the user."""
 
 
 class Stopped(BaseException):
+    """A signal told the command to end."""
+
     def __init__(self, signum: int):
+        super().__init__(f"stopped by {signal.Signals(signum).name}")
         self.signum = signum
 
 
-def _stop(signum: int, _: FrameType | None) -> NoReturn:
+def run_command(module: str, failed: int) -> None:
+    """Imports `module`, calls its `main`, and ends the process with the status that it returns.
+
+    A failure is one line on standard error and the status `failed`. After a signal, and when nobody reads
+    standard output any more, the process leaves all context managers and ends by the signal.
+    """
+    _open_standard_descriptors()
     for ending in ENDING:
-        signal.signal(ending, signal.SIG_IGN)  # nothing interrupts the tidying up
+        if signal.getsignal(ending) != signal.SIG_IGN:
+            signal.signal(ending, _stop)
+    try:
+        status = _run(module)
+    except Stopped as stopped:
+        print(f"{NAME}: {stopped}", file=sys.stderr, flush=True)
+        _end_by(stopped.signum)
+    except BrokenPipeError:
+        _end_by(signal.SIGPIPE)
+    except (OSError, RuntimeError) as error:
+        reason = getattr(error, "strerror", None) or str(error)
+        file = getattr(error, "filename", None)
+        print(f"{NAME}: {file}: {reason}" if file else f"{NAME}: {reason}", file=sys.stderr)
+        status = failed
+    # Not through the interpreter's end, which would try again to write what could not be written.
+    os._exit(status)
+
+
+def version() -> str:
+    """What --version prints."""
+    with open(os.path.join(os.path.dirname(__file__), "VERSION")) as file:
+        return f"{NAME} {file.read().strip()}"
+
+
+def _run(module: str) -> int:
+    import importlib
+    import subprocess
+    try:
+        return int(importlib.import_module(module).main())
+    except SystemExit as end:  # after --help or wrong usage
+        return int(end.code or 0)
+    except (ImportError, subprocess.SubprocessError) as error:
+        raise Failure(str(error)) from error
+    finally:
+        _flush()
+
+
+def _flush() -> None:
+    try:
+        sys.stdout.flush()
+    except OSError as error:
+        error.filename = "standard output"
+        raise
+
+
+def _stop(signum: int, _frame: object) -> None:
+    for ending in ENDING:
+        signal.signal(ending, signal.SIG_IGN)  # nothing interrupts the cleaning up
     raise Stopped(signum)
+
+
+def _end_by(signum: int) -> None:
+    signal.signal(signum, signal.SIG_DFL)
+    os.kill(os.getpid(), signum)
 
 
 def _open_standard_descriptors() -> None:
@@ -35,67 +92,6 @@ def _open_standard_descriptors() -> None:
     while (descriptor := os.open(os.devnull, os.O_RDWR)) <= 2:
         os.set_inheritable(descriptor, True)
     os.close(descriptor)
-    # What is no text (in names, say) is shown as numbers, as standard error does it.
+    # What is not text (in file names, say) is shown as numbers.
     sys.stdout = open(1, "w", errors="backslashreplace", closefd=False)
     sys.stderr = sys.stderr or open(2, "w", errors="backslashreplace", closefd=False)
-
-
-def run_command(main: Callable[[], int], failed: int) -> NoReturn:
-    """Ends the process with the status that `main` returns, or after one line with the status `failed`."""
-    name = os.path.basename(sys.argv[0])
-    _open_standard_descriptors()
-    signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # a closed pipe ends it silently, as it does other tools
-    for ending in ENDING:
-        if signal.getsignal(ending) != signal.SIG_IGN:
-            signal.signal(ending, _stop)
-    try:
-        status = main()
-        sys.stdout.flush()
-    except Stopped as stopped:
-        print(f"{name}: stopped by {signal.Signals(stopped.signum).name}", file=sys.stderr, flush=True)
-        signal.signal(stopped.signum, signal.SIG_DFL)
-        os.kill(os.getpid(), stopped.signum)
-    except OSError as error:
-        text = error.strerror or str(error)
-        print(f"{name}: {error.filename}: {text}" if error.filename else f"{name}: {text}", file=sys.stderr)
-        status = failed
-    except (Failure, RuntimeError) as failure:  # a loop of links is a RuntimeError
-        print(f"{name}: {failure}", file=sys.stderr)
-        status = failed
-    # Not through the interpreter's end, which would try again to write what could not be written.
-    os._exit(status)
-
-
-@contextmanager
-def scratch_directory(parent: Path | None = None) -> Iterator[Path]:
-    """A directory of our own, gone afterwards; signals wait while it is made and removed.
-
-    Whoever prints does it afterwards: a closed pipe ends the process at once.
-    """
-    signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
-    try:
-        with tempfile.TemporaryDirectory(prefix=".zelo-bundle.", dir=parent) as name:
-            try:
-                signal.pthread_sigmask(signal.SIG_UNBLOCK, ENDING)
-                yield Path(name).resolve()
-            finally:
-                signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
-    finally:
-        signal.pthread_sigmask(signal.SIG_UNBLOCK, ENDING)
-
-
-def run(*command: str | Path, entered: bytes = b"") -> subprocess.CompletedProcess[bytes]:
-    """Runs a program the way a device does: nothing of this environment changes what it does."""
-    environment = {"PATH": os.environ.get("PATH", os.defpath), "LC_ALL": "C"}
-    try:
-        done = subprocess.run(command, input=entered, capture_output=True, check=False, env=environment,
-                              umask=0)
-    except FileNotFoundError:
-        raise Failure(f"{command[0]} is needed, and not installed") from None
-    if full := re.search(rb"No space left on device|Disk quota exceeded", done.stderr):
-        raise Failure(f"{command[0]}: {full[0].decode()}")
-    if missing := re.search(rb"(\S+): Cannot exec: No such file", done.stderr):
-        raise Failure(f"{missing[1].decode()} is needed, and not installed")
-    if done.returncode < 0:
-        raise Failure(f"{command[0]} was ended by {signal.Signals(-done.returncode).name}")
-    return done

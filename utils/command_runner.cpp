@@ -12,6 +12,7 @@
 #include <charconv>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -23,25 +24,11 @@
 namespace zelo {
 namespace {
 
-constexpr const char* executionFailed = "failed to execute command";
-
-// The system call that closes a range, in kernels since 5.9. Older headers lack its number, which is the
-// same on ARM and x86.
+// The number of close_range, which kernels have since 5.9 and older headers lack. ARM and x86 use the same.
 constexpr long closeRange = 436;
 
-// What perror would write, by the error's number. Made before a fork: the child must not allocate.
-[[nodiscard]] std::vector<std::string> execveReports() {
-  constexpr int lastError = 133;
-  std::vector<std::string> reports;
-  for (int error = 0; error <= lastError; ++error) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): safe for the numbers that the system has
-    reports.push_back(std::string("execve: ") + std::strerror(error) + "\n");
-  }
-  return reports;
-}
-
-// Ignored, SIGCHLD has the system discard how a program ended.
-void heedChildren() {
+// The system may be set to discard exit statuses: by a starter that ignores SIGCHLD, or by a library.
+void keepExitStatuses() {
   struct sigaction action = {};
   if (sigaction(SIGCHLD, nullptr, &action) != 0) return;
   if (action.sa_handler == SIG_IGN) action.sa_handler = SIG_DFL;
@@ -49,11 +36,11 @@ void heedChildren() {
   (void)sigaction(SIGCHLD, &action, nullptr);
 }
 
-// For the forked child. Done in the parent it would race with the descriptors of the libraries' threads.
+// For the forked child: in the parent, the libraries' threads could open more at the same time.
 void closeDescriptorsFrom(int first) {
   if (syscall(closeRange, first, UINT_MAX, 0) == 0) return;
 
-  (void)close(first);  // or there may be no room to open the list
+  (void)close(first);  // makes room to open the list
   const int directory = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory < 0) {
     rlimit limit{};
@@ -74,8 +61,8 @@ void closeDescriptorsFrom(int first) {
   }
 }
 
-// For the forked child. A standard error that nobody reads would end the program at its first word there,
-// which would count as a success.
+// For the forked child. If nobody reads standard error, the program's first message there would kill it by
+// SIGPIPE, which would count as success.
 void replaceUnreadStandardError() {
   pollfd error{STDERR_FILENO, 0, 0};
   if (poll(&error, 1, 0) != 1 || (error.revents & (POLLERR | POLLHUP)) == 0) return;
@@ -83,27 +70,26 @@ void replaceUnreadStandardError() {
   if (nothing >= 0) (void)dup2(nothing, STDERR_FILENO);
 }
 
-// Runs in the forked child: async-signal-safe calls only.
-[[noreturn]] void becomeProgram(char* const arguments[], int output, int starting,
-                                const std::vector<std::string>& reports) {
+// Runs in the forked child: async-signal-safe calls only. If the child cannot become the program, it writes
+// the error number to `launch`; if it can, the system closes `launch`.
+[[noreturn]] void becomeProgram(char* const arguments[], int output, int launch) {
   if (terminationSignal() != 0) _exit(EXIT_FAILURE);  // noted just before the fork
   (void)signal(SIGPIPE, SIG_DFL);                     // libraries ignore it for the daemon
-  const int redirected = output == STDOUT_FILENO ? fcntl(output, F_SETFD, 0) : dup2(output, STDOUT_FILENO);
   replaceUnreadStandardError();
+  const bool redirected = dup2(output, STDOUT_FILENO) >= 0;
   constexpr int lastKept = STDERR_FILENO + 1;
-  const int kept = starting == lastKept ? starting : dup3(starting, lastKept, O_CLOEXEC);
-  if (redirected >= 0 && kept >= 0) {
+  const int kept = launch == lastKept ? launch : dup3(launch, lastKept, O_CLOEXEC);
+  if (redirected && kept >= 0) {
     closeDescriptorsFrom(lastKept + 1);
     char* const environment[] = {nullptr};
     execve(arguments[0], arguments, environment);
   }
-  const auto error = static_cast<std::size_t>(errno);
-  const std::string& report = error < reports.size() ? reports[error] : reports.back();
-  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, report.data(), report.size());
+  const int error = errno;
+  [[maybe_unused]] const ssize_t written = write(kept, &error, sizeof error);
   _exit(EXIT_FAILURE);
 }
 
-// A forked child, reaped at the latest when this is destroyed.
+// A forked child; the destructor reaps it if nothing has before.
 struct Child {
   pid_t pid = -1;
 
@@ -114,7 +100,7 @@ struct Child {
     if (pid > 0) (void)wait();
   }
 
-  // True when the child ended with status 0 or by a signal.
+  // True if the child exited with status 0 or was killed by a signal.
   [[nodiscard]] bool wait() noexcept {
     int status = 0;
     pid_t reaped = -1;
@@ -150,42 +136,53 @@ struct Pipe {
   }
 }
 
+// Returns 0 when the child has become its program, or the number of the error that kept it from that.
+[[nodiscard]] int awaitLaunch(int launch) {
+  int error = 0;
+  while (read(launch, &error, sizeof error) < 0 && errno == EINTR) {
+  }
+  return error;
+}
+
 struct Outcome {
-  bool succeeded;
+  int launchError;
   std::string output;
+  bool succeeded;
 };
 
-// Does not return once a termination signal has arrived: a program that the same signal has ended must
-// not count as a success.
+// Does not return once a termination signal has arrived: if the same signal has killed the program, that must
+// not count as success.
 [[nodiscard]] Outcome runToItsEnd(char* const arguments[]) {
-  const std::vector<std::string> reports = execveReports();
-  heedChildren();
+  keepExitStatuses();
   Wait wait(Wait::program);
 
-  // Declared before the pipes: an exception closes them first, which ends a child that writes.
+  // Before the pipes: an exception then closes them first, so that a child that writes ends.
   Child child;
   Pipe output = openPipe();
-  Pipe starting = openPipe();  // closed by the system when the child becomes the program
+  Pipe launch = openPipe();
 
   child.pid = fork();
   if (child.pid < 0) throw std::runtime_error("unable to fork");
-  if (child.pid == 0) becomeProgram(arguments, output.writeEnd.get(), starting.writeEnd.get(), reports);
+  if (child.pid == 0) becomeProgram(arguments, output.writeEnd.get(), launch.writeEnd.get());
 
   output.writeEnd.close();
-  starting.writeEnd.close();
-  (void)readToEnd(starting.readEnd.get());
-  starting.readEnd.close();
+  launch.writeEnd.close();
+  const int launchError = awaitLaunch(launch.readEnd.get());
+  launch.readEnd.close();
   wait.programRuns();
   std::string text = readToEnd(output.readEnd.get());
-  return {child.wait(), std::move(text)};
+  return {launchError, std::move(text), child.wait()};
 }
 
 }  // namespace
 
 std::string runProcess(char* const arguments[]) {
-  if (arguments[0] == nullptr) throw std::runtime_error(executionFailed);
   Outcome outcome = runToItsEnd(arguments);
-  if (!outcome.succeeded) throw std::runtime_error(executionFailed);
+  if (outcome.launchError != 0) {
+    errno = outcome.launchError;
+    std::perror("execve");
+  }
+  if (!outcome.succeeded) throw std::runtime_error("failed to execute command");
   return std::move(outcome.output);
 }
 

@@ -5,20 +5,18 @@
 
 namespace zelo {
 
-/// Starts a program and waits until it has ended: no shell, no search path, an empty environment, the
-/// daemon's standard input and error, no other descriptor. Element 0 is the program's path and its
-/// argv[0], the rest are its arguments. Blocks until every holder of the program's standard output has
-/// closed it and the program has been reaped.
+/// Runs a program: without a shell or search path, with an empty environment, the daemon's standard input and
+/// error, and no other descriptors. Element 0 is the program's path and its argv[0], the rest are its
+/// arguments. Blocks until every process has closed the program's standard output and the program is reaped.
 ///
-/// Returns everything the program wrote to its standard output, byte for byte; a program that is
-/// ended by a signal counts as a success. Throws `std::runtime_error`: "unable to create pipes for
-/// reading stdout", "unable to fork", or "failed to execute command" when the program cannot be
-/// started or exits with a status other than 0.
+/// Returns what the program wrote to standard output, byte for byte. Throws `std::runtime_error` "unable to
+/// create pipes for reading stdout", "unable to fork" or, if the program cannot be started or exits with a
+/// status other than 0, "failed to execute command". A program killed by a signal counts as success.
 ///
-/// Starts nothing and does not return once a termination signal has arrived.
+/// Once a termination signal has arrived, it starts nothing and does not return.
 [[nodiscard]] std::string runCommand(std::vector<std::string> arguments);
 
-/// The layer beneath: the same for a null-terminated array of texts.
+/// The same for a null-terminated array.
 [[nodiscard]] std::string runProcess(char* const arguments[]);
 
 }  // namespace zelo

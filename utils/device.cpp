@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "platform/device_info.h"
-#include "utils/platform_text.h"
+#include "utils/malloc_text.h"
 
 namespace zelo {
 
@@ -19,7 +19,7 @@ std::string getSoftwareVersionText() {
 std::string getSoftwarePackageNameText() {
   char* text = nullptr;
   const int result = getSoftwarePackageName(&text);
-  const PlatformText name(text);
+  const MallocText name(text);
   if (result != 0 || !name) throw std::runtime_error("could not get software package name");
   return name.get();
 }

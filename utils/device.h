@@ -2,10 +2,10 @@
 
 #include <string>
 
-/// What the daemon knows about the device that it runs on. Each call asks the platform afresh.
+/// Facts about the device. Each call asks the platform.
 namespace zelo {
 
-/// Whatever exists under this path marks a device with debugging features.
+/// Anything at this path marks a device with debugging features.
 inline constexpr const char* DEBUG_FEATURES_MARKER = "/PRE_GM_DEBUGGING_FEATURES_ENABLED__REMOVE_AT_GMC";
 
 /// Decimal text. Throws `std::runtime_error` "could not get software version".
@@ -14,7 +14,7 @@ inline constexpr const char* DEBUG_FEATURES_MARKER = "/PRE_GM_DEBUGGING_FEATURES
 /// Throws `std::runtime_error` "could not get software package name".
 [[nodiscard]] std::string getSoftwarePackageNameText();
 
-/// True when the marker exists as anything at all: a directory, an empty file. Its content does not count.
+/// True if the marker exists, even as a directory or an empty file.
 [[nodiscard]] bool debugFeaturesEnabled();
 
 }  // namespace zelo

@@ -13,13 +13,15 @@ class FileDescriptor {
   FileDescriptor(FileDescriptor&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() { (void)close(); }
+  ~FileDescriptor() { close(); }
 
   [[nodiscard]] int get() const noexcept { return fd; }
   [[nodiscard]] bool valid() const noexcept { return fd >= 0; }
 
-  /// True unless the system reports that closing failed; the descriptor is gone either way.
-  bool close() noexcept { return !valid() || ::close(std::exchange(fd, -1)) == 0; }
+  /// Closes it now instead of in the destructor.
+  void close() noexcept {
+    if (valid()) (void)::close(std::exchange(fd, -1));
+  }
 
  private:
   int fd;

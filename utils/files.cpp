@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -43,7 +44,7 @@ void makeDirectory(const std::string& path) {
 }
 
 std::string readFile(const std::string& path) noexcept try {
-  // Not blocking: a FIFO under that name would keep the opening waiting for a writer.
+  // Non-blocking, because opening a FIFO would wait for a writer.
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file.valid() || !isRegularFile(file.get())) return {};
   std::string content;
@@ -57,7 +58,7 @@ std::string readFile(const std::string& path) noexcept try {
     }
   }
 } catch (const std::exception&) {
-  return {};  // larger than the memory
+  return {};  // does not fit into memory
 }
 
 void writeFile(const std::string& path, const std::string& content) noexcept {
@@ -89,9 +90,8 @@ void sleepSeconds(std::uint32_t seconds) {
   std::uint32_t rest = seconds * 1000000U;
   const auto end = steady_clock::now() + microseconds(rest);
   while (usleep(rest) != 0 && errno == EINTR) {
-    const auto left = std::chrono::duration_cast<microseconds>(end - steady_clock::now()).count();
-    if (left <= 0) return;
-    rest = static_cast<std::uint32_t>(left);
+    const auto left = std::chrono::duration_cast<microseconds>(end - steady_clock::now());
+    rest = static_cast<std::uint32_t>(std::max(left, microseconds::zero()).count());
   }
 }
 

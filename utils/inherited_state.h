@@ -2,12 +2,15 @@
 
 namespace zelo {
 
-/// Puts right what whoever started the process may have left, before the platform's libraries make
-/// choices of their own: standard descriptors that are closed are opened on /dev/null; ignored signals,
-/// which programs would inherit, get their default; blocked ones are unblocked; running timers are stopped;
-/// the environment, from which libraries take time zones and settings, is emptied.
-/// SIGPIPE and SIGXFSZ, by which a failed write must not end the daemon, get a handler that does nothing.
-/// Throws `std::runtime_error` when /dev/null cannot be opened.
+/// Repairs what the daemon cannot work with, before the platform's libraries are opened. Closed standard
+/// descriptors are opened on /dev/null; otherwise the bus's socket would become standard output. Blocked
+/// signals are unblocked. SIGPIPE and SIGXFSZ get a handler that does nothing in place of their default,
+/// because a failed write must not end the daemon.
+///
+/// Environment, timers, limits and ignored signals stay as the starter set them. Later exceptions are the
+/// four termination signals, which get their handler, and SIGCHLD, which the command runner needs.
+///
+/// Throws `std::runtime_error` if /dev/null cannot be opened.
 void repairInheritedState();
 
 }  // namespace zelo

@@ -4,7 +4,7 @@
 #include <stdexcept>
 
 #include "platform/cjson_string_item.h"
-#include "utils/platform_text.h"
+#include "utils/malloc_text.h"
 
 namespace zelo {
 
@@ -28,7 +28,7 @@ void JSONWrapper::addString(const std::string& name, const std::string& value) {
 }
 
 std::string JSONWrapper::toString() const {
-  const PlatformText text(cJSON_PrintUnformatted(root.get()));
+  const MallocText text(cJSON_PrintUnformatted(root.get()));
   return text ? text.get() : "";
 }
 

@@ -20,11 +20,11 @@ class JSONWrapper {
   JSONWrapper& operator=(const JSONWrapper&) = delete;
   virtual ~JSONWrapper() = default;
 
-  /// A copy of a string member of the top-level object. Throws `std::runtime_error` "key ", the name
-  /// and " not found" when it is missing or not a string.
+  /// A copy of a string member of the top-level object. Throws `std::runtime_error` "key ", the name and
+  /// " not found" if it is missing or not a string.
   [[nodiscard]] std::string getString(const std::string& name) const;
 
-  /// Adds a string member after the others, also when one of that name exists.
+  /// Appends a string member, even if there is one of that name.
   void addString(const std::string& name, const std::string& value);
 
   /// The document as text without white space.

@@ -1,13 +1,17 @@
 #include "utils/log.h"
 
+#include <pthread.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 
 #include "platform/qorvex_daemon.h"
-#include "utils/platform_text.h"
+#include "utils/malloc_text.h"
 
 namespace zelo {
 namespace {
@@ -21,7 +25,7 @@ constexpr Level info{1U << 23, LOG_NOTICE};
 constexpr Level warning{1U << 24, LOG_WARNING};
 constexpr Level error{1U << 25, LOG_ERR};
 
-// A line that is too long for the log receiver would be lost whole, with the code at its end.
+// A line too long for the log receiver would be lost completely, with the code at its end.
 constexpr int longestLine = 32 << 10;
 constexpr int keptAtEachEnd = longestLine / 2;
 
@@ -39,7 +43,7 @@ constexpr int keptAtEachEnd = longestLine / 2;
   char* allocated = nullptr;
   const int length = vasprintf(&allocated, format, copy);
   va_end(copy);
-  const PlatformText text(length < 0 ? nullptr : allocated);
+  const MallocText text(length < 0 ? nullptr : allocated);
   if (length > longestLine) {
     send(level.priority, "%.*s [...] %s", keptAtEachEnd, text.get(), text.get() + length - keptAtEachEnd);
   } else {
@@ -68,6 +72,15 @@ void logError(const char* format, ...) {
   va_start(arguments, format);
   write(error, format, arguments);
   va_end(arguments);
+}
+
+void endWithinLogPatience() noexcept {
+  (void)signal(SIGALRM, [](int) { _exit(EXIT_FAILURE); });
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, SIGALRM);
+  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
+  alarm(logPatienceSeconds);
 }
 
 }  // namespace zelo

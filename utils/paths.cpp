@@ -14,9 +14,8 @@ std::string getParentDirectory(const std::string& path) {
 std::string getFileName(const std::string& path) {
   if (path.empty()) throw std::runtime_error("invalid path");
   const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return path;
   if (slash == path.size() - 1) throw std::runtime_error("path ends with a /");
-  return path.substr(slash + 1);
+  return path.substr(slash + 1);  // the whole path where there is no slash
 }
 
 std::string joinPath(const std::string& directory, const std::string& name) {

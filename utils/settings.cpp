@@ -4,14 +4,14 @@
 
 #include "platform/prefbox.h"
 #include "utils/log.h"
-#include "utils/platform_text.h"
+#include "utils/malloc_text.h"
 
 namespace zelo {
 
 std::string getConfigValue(const std::string& key) {
   char* text = nullptr;
   const int result = getPrefboxValue(key.c_str(), &text);
-  const PlatformText value(text);
+  const MallocText value(text);
   if (result != 0 || !value) throw std::runtime_error("key does not exist");
   return value.get();
 }

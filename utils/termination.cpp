@@ -15,18 +15,23 @@ enum class Activity { acts, startsProgram, waitsForProgram, waits };
 std::atomic<int> g_termination_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler sets it");
 
-// pthread's own types have no destructor: a thread may still wait for them while the process exits.
+// pthread's types, because they have no destructor: a thread may still wait on them while the process exits.
 pthread_mutex_t g_activity_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_activity_changed = PTHREAD_COND_INITIALIZER;
 Activity g_activity = Activity::acts;
 
-// False, and the main thread just waits, once a termination signal has been noted.
+// False once a termination signal has been noted; the main thread then counts as waiting.
 [[nodiscard]] bool become(Activity next) noexcept {
   const MutexLock lock(g_activity_mutex);
   const bool goesOn = terminationSignal() == 0;
   g_activity = goesOn ? next : Activity::waits;
   pthread_cond_broadcast(&g_activity_changed);
   return goesOn;
+}
+
+[[noreturn]] void parkForever() noexcept {
+  (void)become(Activity::waits);
+  for (;;) pause();
 }
 
 }  // namespace
@@ -40,17 +45,16 @@ int terminationSignal() noexcept {
   return g_termination_signal.load();
 }
 
-void awaitEnd() noexcept {
-  (void)become(Activity::waits);
-  for (;;) pause();
+void passGate() noexcept {
+  if (terminationSignal() != 0) parkForever();
 }
 
 Wait::Wait(For what) noexcept {
-  if (!become(what == program ? Activity::startsProgram : Activity::waits)) awaitEnd();
+  if (!become(what == program ? Activity::startsProgram : Activity::waits)) parkForever();
 }
 
 Wait::~Wait() {
-  if (!become(Activity::acts)) awaitEnd();
+  if (!become(Activity::acts)) parkForever();
 }
 
 void Wait::programRuns() noexcept {
@@ -59,7 +63,7 @@ void Wait::programRuns() noexcept {
   pthread_cond_broadcast(&g_activity_changed);
 }
 
-void awaitMainThread(const timespec& deadline) noexcept {
+void awaitIdleMainThread(const timespec& deadline) noexcept {
   const MutexLock lock(g_activity_mutex);
   int result = 0;
   while ((g_activity == Activity::acts || g_activity == Activity::startsProgram) && result == 0)

@@ -2,21 +2,20 @@
 
 #include <ctime>
 
-/// How a termination signal ends the daemon without tearing what it is doing.
+/// How a termination signal ends the daemon without cutting short what it is doing.
 ///
-/// The main thread either acts or waits: for a pause, a download or a program. Once a signal has been
-/// noted, it neither returns from a wait nor begins another one. Once it waits, nothing new can begin.
+/// The main thread either acts or waits (for a pause, a download or a program). Once a signal has been noted,
+/// it neither begins a wait nor returns from one, so nothing new begins after the first wait that it reaches.
 namespace zelo {
 
-/// Remembers a termination signal. True for the first one only. Async-signal-safe; to be called on the
-/// main thread, so that the thread cannot begin anything between the signal's arrival and this call.
+/// Remembers the first termination signal; true if this is the first. Async-signal-safe, on any thread.
 [[nodiscard]] bool noteTerminationSignal(int signum) noexcept;
 
 /// The termination signal that was noted, 0 before there is one. Async-signal-safe.
 [[nodiscard]] int terminationSignal() noexcept;
 
-/// Makes the main thread wait until the process ends.
-[[noreturn]] void awaitEnd() noexcept;
+/// For the main thread. Returns, unless a termination signal has been noted: then it waits for the end.
+void passGate() noexcept;
 
 /// The main thread waits for as long as one of these lives. Neither the constructor nor the destructor
 /// returns once a termination signal has been noted.
@@ -29,12 +28,12 @@ class Wait {
   Wait& operator=(const Wait&) = delete;
   ~Wait();
 
-  /// Until then a program that is waited for counts as being started, which is acting.
+  /// To be called when the program has started. Until then the main thread counts as acting.
   void programRuns() noexcept;
 };
 
-/// Returns when the main thread waits, at the latest at the deadline on CLOCK_MONOTONIC.
-void awaitMainThread(const timespec& deadline) noexcept;
+/// Returns when the main thread waits, or at the deadline (CLOCK_MONOTONIC).
+void awaitIdleMainThread(const timespec& deadline) noexcept;
 
 /// Returns when no program is being started or waited for.
 void awaitNoProgram() noexcept;

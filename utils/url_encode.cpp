@@ -2,7 +2,6 @@
 
 #include <curl/curl.h>
 
-#include <climits>
 #include <memory>
 #include <stdexcept>
 
@@ -12,10 +11,8 @@ std::string urlEncode(const std::string& text) {
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(), curl_easy_cleanup);
   if (!handle) throw std::runtime_error("could not create curl handle");
 
-  // The library takes an int, and would measure the text itself for a length of 0.
-  const bool fits = text.size() <= INT_MAX;
-  char* result = fits ? curl_easy_escape(handle.get(), text.c_str(), static_cast<int>(text.size())) : nullptr;
-  const std::unique_ptr<char, decltype(&curl_free)> encoded(result, curl_free);
+  const std::unique_ptr<char, decltype(&curl_free)> encoded(
+      curl_easy_escape(handle.get(), text.c_str(), static_cast<int>(text.size())), curl_free);
   if (!encoded) throw std::runtime_error("could not url encode string");
   return encoded.get();
 }

@@ -4,8 +4,8 @@
 
 namespace zelo {
 
-/// Percent-encodes every byte but ASCII letters, digits and "-._~". Throws `std::runtime_error` "could
-/// not create curl handle" or "could not url encode string".
+/// Percent-encodes all bytes except ASCII letters, digits and "-._~". Throws `std::runtime_error` "could not
+/// create curl handle" or "could not url encode string".
 [[nodiscard]] std::string urlEncode(const std::string& text);
 
 }  // namespace zelo

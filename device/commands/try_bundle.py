@@ -1,10 +1,5 @@
 """Runs a bundle of yours on a virtual device, twice, and says what happens: may it be shipped?"""
 
-from device import alone
-
-if __name__ == "__main__":
-    alone.enter()
-
 import os
 import shlex
 import signal
@@ -16,7 +11,9 @@ from collections.abc import Iterable
 from dataclasses import replace
 from pathlib import Path
 
-from device import command_line, services
+from command import Stopped
+
+from device import alone, services
 from device.https_server import HOST
 from device.keys import Keys
 from device.trial import confinement, trace
@@ -43,7 +40,7 @@ class Trial:
     """Attempts on one device, and what they change there."""
 
     def __init__(self, device: VirtualDevice, timeout: float | None):
-        self.interrupted: command_line.Interrupted | None = None
+        self.interrupted: Stopped | None = None
         self._device = device
         self._timeout = timeout
         self._entries = entries(device.root)
@@ -127,7 +124,6 @@ def confined(unconfined: bool) -> bool:
 
 def main() -> int:
     arguments = parse_arguments(__doc__)
-    sys.stdout = open(1, "w", errors="backslashreplace", closefd=False)  # names and messages may not be text
     build = Path(os.environ.get("ZELO_BUILD_DIR", "build/release"))
     is_confined = confined(arguments.unconfined)
     small_system = not (arguments.bare or arguments.root)
@@ -155,7 +151,3 @@ def main() -> int:
         if arguments.keep:
             keep(device)
     return status
-
-
-if __name__ == "__main__":
-    sys.exit(command_line.run("try-bundle", main))

@@ -2,17 +2,14 @@
 
 import os
 import subprocess
-import sys
 import textwrap
 from argparse import Namespace
 from pathlib import Path
 
+from bundle_rules import Report, check_document
+
 from device.bundles import TOOL, Bundle, pack
 from device.virtual_device import ARCHIVE, VirtualDevice
-
-sys.path.append(str(TOOL.parent))
-
-from bundle_rules import Report, check_document  # noqa: E402
 
 CHECKER = TOOL.with_name("check-bundle")
 KEY = "/etc/zelo/pubkeyprod.pem"

@@ -7,7 +7,8 @@ import signal
 import time
 from contextlib import suppress
 
-from device.command_line import Interrupted
+from command import Stopped
+
 from device.run import Run
 from device.syslog_receiver import LogLine
 from device.trial.lines import Lines, printable, shortened
@@ -29,7 +30,7 @@ class Watch:
     """Of one start of the daemon; `traced` says whether strace may be used."""
 
     def __init__(self, device: VirtualDevice, traced: bool):
-        self.interrupted: Interrupted | None = None
+        self.interrupted: Stopped | None = None
         self.trace = Trace()
         self._device = device
         self._traced = traced
@@ -53,7 +54,7 @@ class Watch:
                 if timeout and time.monotonic() > self._begin + timeout:
                     stopped = f"stopped after {timeout:g} s"
                     break
-        except Interrupted as interruption:
+        except Stopped as interruption:
             self.interrupted, stopped = interruption, str(interruption)
         running = self.trace.running()
         status = None if stopped else self._status(run)

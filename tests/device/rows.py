@@ -115,6 +115,7 @@ SIGNATURES = [
 
 STARTS = [
     fatal("no bus", lambda d: d.path("/run/kbus.sock").unlink(), 0, "Failed to initialize kbus handle"),
-    fatal("no /tmp", lambda d: d.path("/tmp").rmdir(), 0, "unable to create temp directory. errno 2"),
+    fatal("neither /tmp nor bus", both(lambda d: d.path("/tmp").rmdir(), lambda d: d.path("/run/kbus.sock").unlink()),
+          0, "unable to create temp directory. errno 2"),
 ]
 

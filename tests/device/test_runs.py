@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from device import demo
+from device.commands import demo
 from device.bundles import RECORD
 from device.cases import (BUNDLE_FAILED, END, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT, Case,
                           defaulted, ended, own_lines, script, script_runs)

@@ -128,7 +128,9 @@ def test_stuck_log_receiver(device: VirtualDevice, gate: Gate, moment: Moment | 
     assert device.lock_was_released()
 
 
-def test_crash_leaves_its_dump(device: VirtualDevice, plain_only: None) -> None:
-    script("kill -SEGV $PPID")(device)
+@pytest.mark.usefixtures("plain_only")
+@pytest.mark.parametrize("signum", [signal.SIGSEGV, signal.SIGABRT], ids=lambda signum: signum.name)
+def test_crash_leaves_its_dump(device: VirtualDevice, signum: signal.Signals) -> None:
+    script(f"kill -{int(signum)} $PPID")(device)
     run = device.start()
-    assert run.wait() == -signal.SIGSEGV and "fatal signal SIGSEGV" in run.output(), run.output()
+    assert run.wait() == -signum and f"fatal signal {signum.name}" in run.output(), run.output()

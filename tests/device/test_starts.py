@@ -1,10 +1,11 @@
-"""What the daemon inherits does not matter, nor how many are started, and what it leaves is in order."""
+"""What the daemon and its programs inherit, many starts at once, and what is left."""
 
 import itertools
 import json
 import os
 import signal
 import sys
+import time
 from pathlib import Path
 
 from device.cases import ANOTHER, END, STAGES, own_lines, script, shown
@@ -41,16 +42,30 @@ def found_by(pid: int) -> list[object]:
             os.readlink(process / "cwd")]
 
 
-def test_whatever_is_inherited_the_script_finds_order(device: VirtualDevice, gate: Gate) -> None:
+def test_what_the_script_inherits(device: VirtualDevice, gate: Gate) -> None:
+    """Standard descriptors, no blocked signals, no environment; what the starter ignores stays ignored."""
     script(Gate.WAIT)(device)
     for state in STATES:
         before = device.work_directories()
-        run = device.start(prefix=[sys.executable, "-ISc", STARTER, json.dumps(state)], env={"SECRET": "x"})
+        run = device.start(prefix=[sys.executable, "-ISc", STARTER, json.dumps(state)])
         found = found_by(gate.wait())
         gate.open()
         [work] = set(device.work_directories()) - set(before)
         words = ["/bin/sh", f"/tmp/{work.name}/run.sh", ""]
-        assert run.wait() == 0 and found == [[0, 1, 2], 0, 0, "", words, str(device.root)], state
+        ignored = sum(1 << (signum - 1) for signum in (signal.SIGUSR1, signal.SIGXFSZ) if signum in state[2])
+        assert run.wait() == 0
+        assert found == [[0, 1, 2], 0, ignored, "", words, str(device.root)], state
+
+
+def test_the_environment_is_the_starters(device: VirtualDevice, gate: Gate) -> None:
+    """The daemon keeps it, the time zone too; a program that it starts gets none."""
+    script(Gate.WAIT)(device)
+    run = device.start(env={"TZ": "ZONE+11", "SECRET": "x"})
+    environment = found_by(gate.wait())[3]
+    gate.open()
+    assert run.wait() == 0 and environment == ""
+    hours, minutes, seconds = map(int, device.syslog.lines(run.pid)[0].raw[12:20].split(b":"))
+    assert 0 <= (time.time() - 3600 * (hours + 11) - 60 * minutes - seconds) % 86400 < 600
 
 
 def test_what_a_script_leaves_behind_holds_nothing(device: VirtualDevice, gate: Gate) -> None:

@@ -9,10 +9,10 @@ from pathlib import Path
 
 import pytest
 
-from device.booted_root import CannotBoot, wait_for
+from booted_root import CannotBoot, wait_for
 from device.cases import END, STAGES
 from device.https_server import Status
-from device.systemd_device import AUTHOR, DOCUMENT, SystemdDevice, running_device
+from systemd_device import AUTHOR, DOCUMENT, SystemdDevice, running_device
 
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("ZELO_BUILD_DIR", ROOT / "build" / "release"))

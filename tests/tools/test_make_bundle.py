@@ -5,7 +5,6 @@ import os
 import signal
 import subprocess
 import tarfile
-import time
 from pathlib import Path
 from typing import Any
 
@@ -13,123 +12,164 @@ import pytest
 
 from device.bundles import TOOL
 
-DOCUMENT, ARCHIVE = Path("new/output/zelo_installer_meta.json"), Path("new/output/zelo_installer.tar.gz")
-TOKEN = Path("/usr/lib/softhsm/libsofthsm2.so")
-ENGINES = list(Path("/usr/lib").glob("*/engines-3/pkcs11.so"))
+ARCHIVE = Path("new/output/zelo_installer.tar.gz")
+DOCUMENT = Path("new/output/zelo_installer_meta.json")
+SIGNER = "openssl dgst -sha256 -sign key -passin env:WORD"
 
 
 @pytest.fixture(autouse=True)
 def here(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    """A directory with a source directory and an encrypted key."""
+    """A directory with a source directory and an encrypted key, and the passphrase in a file and in WORD."""
     monkeypatch.chdir(tmp_path)
+    monkeypatch.setenv("WORD", "word")
     Path("source/data").mkdir(parents=True)
     Path("source/data/file").write_text("content")
-    Path("source/run.sh").write_text("#!/bin/sh\n: 'a\r\nb'\n")
+    Path("source/run.sh").write_text("#!/bin/sh -e\n")
     Path("source/run.sh").chmod(0o755)
     Path("word").write_text("word\n")
-    kind = ("-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-aes256", "-pass", "file:word")
-    subprocess.run(["openssl", "genpkey", *kind, "-out", "key"], check=True)
-    subprocess.run("openssl pkey -in key -passin file:word -pubout -out key.pub".split(), check=True)
+    shell("openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -aes256 -pass file:word -out key")
+    shell("openssl pkey -in key -passin file:word -pubout -out key.pub")
 
 
-def command(*options: str) -> list[str]:
-    signer = [] if {"--key", "--sign-command"} & {*options} else ["--key", "key", "--passphrase-file", "word"]
-    return [str(TOOL), "--url", "https://a.example/b", "--output", "new/output", *signer, *options, "source"]
+def shell(command: str) -> None:
+    subprocess.run(command, shell=True, check=True, capture_output=True)
 
 
 def make(*options: str, **popen: Any) -> subprocess.CompletedProcess[str]:
+    signer = [] if {"--key", "--sign-command"} & {*options} else ["--key", "key", "--passphrase-file", "word"]
+    command: list[str | Path] = [TOOL, "--url", "https://a.example/b", "--output", "new/output", *signer]
     streams: dict[str, Any] = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **popen}
-    return subprocess.run(command(*options), text=True, check=False, start_new_session=True, **streams)
+    # Without a terminal, which a passphrase could be asked on.
+    return subprocess.run([*command, *options, "source"], text=True, check=False, timeout=60,
+                          start_new_session=True, **streams)
 
 
-def check(*options: str) -> subprocess.CompletedProcess[str]:
-    return subprocess.run([TOOL.with_name("check-bundle"), *options, DOCUMENT, ARCHIVE, "key.pub"], text=True,
-                          capture_output=True, check=False)
+def check(*options: str, **popen: Any) -> subprocess.CompletedProcess[str]:
+    streams: dict[str, Any] = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **popen}
+    command: list[str | Path] = [TOOL.with_name("check-bundle"), *options, DOCUMENT, ARCHIVE, "key.pub"]
+    return subprocess.run(command, text=True, check=False, timeout=60, **streams)
 
 
-def test_makes_the_same_signed_archive_again() -> None:
-    done = make()
-    assert (done.returncode, done.stderr.count("\n"), done.stdout.count("\n")) == (0, 1, 1)
-    assert "warning: run.sh: has lines" in done.stderr and "key: EC, 256 bits" in done.stdout
+def test_makes_a_bundle() -> None:
+    done = make(env={**os.environ, "TAR_OPTIONS": "--none", "TMPDIR": "/dev/shm"})  # another file system
+    assert done.returncode == 0
+    assert done.stderr == ""
+    archive = ARCHIVE.read_bytes()
+    digest = hashlib.sha256(archive).hexdigest()
+    assert done.stdout == (f"{ARCHIVE}: {len(archive)} bytes, SHA-256 {digest}; "
+                           f"{DOCUMENT}: {DOCUMENT.stat().st_size} bytes; key: EC, 256 bits\n")
     assert {path.name for path in ARCHIVE.parent.iterdir()} == {ARCHIVE.name, DOCUMENT.name}
     with tarfile.open(ARCHIVE) as tar:
-        assert [(m.name, m.uid, m.gid, m.uname) for m in tar] == [
-            (name, 0, 0, "") for name in ("data", "data/file", "run.sh")]
+        members = [(member.name, member.uid, member.gid, member.uname, member.mtime) for member in tar]
+    assert members == [(name, 0, 0, "", 86400) for name in ("data", "data/file", "run.sh")]
+
+    assert check("--info").stdout.splitlines() == [
+        "address: https://a.example/b", "key: EC, 256 bits", f"SHA-256: {digest}", "members: 3",
+        f"packed: {len(archive)} bytes", "unpacked: 20 bytes", "room needed in /tmp: 32768 bytes",
+        "interpreter: /bin/sh", f"{ARCHIVE}: ok"]
+
+
+def test_makes_the_same_archive_again() -> None:
+    make()
     made = ARCHIVE.read_bytes()
-    done = check("--info")
-    assert done.returncode == 0 and {
-        "address: https://a.example/b", "key: EC, 256 bits", "members: 3", f"packed: {len(made)} bytes",
-        "unpacked: 26 bytes", "room needed in /tmp: 32768 bytes", "interpreter: /bin/sh",
-        f"SHA-256: {hashlib.sha256(made).hexdigest()}"} <= {*done.stdout.splitlines()}
     os.utime("source/run.sh", (1, 1))
-    assert make().returncode == 0 and ARCHIVE.read_bytes() == made
+    assert make().returncode == 0
+    assert ARCHIVE.read_bytes() == made
 
 
-# What is done first, the options, and the reason that is given.
+# What is done first, the options, the exit status, and the reason that is given.
 REFUSED = {
-    "by a rule": ("chmod 644 source/run.sh", ("--sign-command", "false"), "error: run.sh: not executable"),
-    "address": ("", ("--url", "http://a/"), "error: address http://a/"),
-    "no UTF-8": ("", ("--url", "https://\udcff/"), "the address is not UTF-8"),
-    "output inside": ("ln -s source o", ("--output", "o/new"), "own directory"),
-    "in the way": (f"mkdir -p o/{DOCUMENT.name}", ("--output", "o"), "is a directory"),
-    "socket": ("python3 -c 'import socket; socket.socket(1).bind(\"source/s\")'", (), "source/s: a socket"),
-    "no key": ("", ("--key", "source/run.sh"), "not a private key"),
-    "public key": ("", ("--key", "key.pub"), "key.pub: a public key; it is the private one"),
-    "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), "of the kind ED25519"),
-    "no passphrase": ("", ("--key", "key"), "see --passphrase-file"),
-    "bad passphrase": ("", ("--passphrase-file", "key.pub"), "the passphrase is wrong"),
-    "other key": ("openssl genrsa | openssl rsa -pubout -out o", ("--public-key", "o"), "does not verify"),
-    "command fails": ("", ("--sign-command", "false"), "false ended with status 1"),
-    "command prints text": ("", ("--sign-command", "echo"), "printed text"),
+    "by a rule": ("chmod 644 source/run.sh", ("--sign-command", "false", "--no-verify"), 1,
+                  "error: run.sh: not executable"),
+    "address": ("", ("--url", "http://a/"), 1, "error: address http://a/"),
+    "its key": ("cp key source/data/x", (), 1, "error: member 'data/x': holds a private key"),
+    "its key, no PEM": ("openssl pkey -in key -passin file:word -outform DER -out der; cp der source",
+                        ("--key", "der"), 1, "error: member 'der': holds a private key"),
+    "no source": ("rm -r source", (), 1, "source: No such file or directory"),
+    "output inside": ("ln -s source o", ("--output", "o/new"), 1, "o/new: is inside SOURCE_DIR"),
+    "no key": ("", ("--key", "word"), 1, "not a private key"),
+    "empty key": ("", ("--key", "/dev/null"), 1, "not a private key"),
+    "public key": ("", ("--key", "key.pub"), 1, "key.pub: a public key; a private one is needed"),
+    "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), 1, "cannot use ED25519 keys"),
+    "no passphrase": ("", ("--key", "key"), 1, "use --passphrase-file"),
+    "bad passphrase": ("", ("--passphrase-file", "key.pub"), 1, "the passphrase is wrong"),
+    "empty passphrase": ("echo >empty", ("--passphrase-file", "empty"), 1, "empty: the first line is empty"),
+    "other key": ("openssl genrsa | openssl rsa -pubout -out o", ("--public-key", "o"), 1, "does not verify"),
+    "other command": ("openssl genrsa | openssl rsa -pubout -out o",
+                      ("--sign-command", SIGNER, "--public-key", "o"), 1, "does not verify"),
+    "no program": ("", ("--sign-command", "./none", "--no-verify"), 1, "./none: No such file or directory"),
+    "command fails": ("", ("--sign-command", "false", "--no-verify"), 1, "false ended with status 1"),
+    "command killed": ("", ("--sign-command", "sh -c 'kill -KILL $$'", "--no-verify"), 1,
+                       "sh was killed by SIGKILL"),
+    "command prints text": ("", ("--sign-command", "echo", "--no-verify"), 1, "printed text"),
+
+    "no public key": ("", ("--sign-command", SIGNER), 2, "needs --public-key"),
+    "nothing to verify": ("", ("--key", "key", "--no-verify"), 2, "--no-verify: only for --sign-command"),
+    "no key to open": ("", ("--sign-command", SIGNER, "--no-verify", "--passphrase-file", "word"), 2,
+                       "--passphrase-file: only for --key"),
+    "empty command": ("", ("--sign-command", "", "--no-verify"), 2, "--sign-command: empty"),
 }
 
 
-@pytest.mark.parametrize("first, options, reason", REFUSED.values(), ids=REFUSED)
-def test_refuses_and_leaves_nothing(first: str, options: tuple[str, ...], reason: str) -> None:
-    subprocess.run(first, shell=True, check=True, capture_output=True)
+@pytest.mark.parametrize("first, options, status, reason", REFUSED.values(), ids=REFUSED)
+def test_refuses_and_leaves_nothing(first: str, options: tuple[str, ...], status: int, reason: str) -> None:
+    shell(first)
     before = sorted(Path().rglob("*"))
     done = make(*options)
-    assert (done.returncode, done.stdout) == (1, "") and reason in done.stderr
-    assert all(line.startswith("make-bundle: ") for line in done.stderr.splitlines())
+    assert done.returncode == status
+    assert done.stdout == ""
+    assert reason in done.stderr.splitlines()[-1]
+    assert done.stderr.splitlines()[-1].startswith("make-bundle: ")
     assert sorted(Path().rglob("*")) == before
 
 
-@pytest.mark.skipif(not (TOKEN.exists() and ENGINES), reason="needs softhsm2 and libengine-pkcs11-openssl")
-def test_key_in_a_token(monkeypatch: pytest.MonkeyPatch) -> None:
-    Path("tokens").mkdir()
-    Path("softhsm2.conf").write_text(f"directories.tokendir = {Path('tokens').absolute()}\n")
-    monkeypatch.setenv("SOFTHSM2_CONF", str(Path("softhsm2.conf").absolute()))
-    monkeypatch.setenv("PKCS11_MODULE_PATH", str(TOKEN))
-    for arguments in ("--init-token --free --so-pin 12345678",
-                      "--import key --file-pin word --label signer --id 01"):
-        label = ("--token", "zelo") if "--import" in arguments else ("--label", "zelo")
-        subprocess.run(["softhsm2-util", *arguments.split(), *label, "--pin", "1234"], check=True)
-    Path("key").unlink()
-    signer = ("openssl dgst -sha256 -engine pkcs11 -keyform engine "
-              "-sign 'pkcs11:token=zelo;object=signer;pin-value=1234'")
-    assert "not verified" in make("--sign-command", signer).stderr and check().returncode == 0
-    assert make("--sign-command", signer, "--public-key", "key.pub").returncode == 0
+def test_signs_with_a_command() -> None:
+    done = make("--sign-command", SIGNER, "--public-key", "key.pub")
+    assert done.returncode == 0, done.stderr
+    assert done.stdout.endswith("key: EC, 256 bits\n")
+    assert check().returncode == 0
+
+    done = make("--sign-command", SIGNER, "--no-verify")
+    assert done.stdout.endswith("key: not verified\n")
+    assert check().returncode == 0
 
 
-@pytest.mark.parametrize("signum", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
-def test_ends_by_a_signal(signum: signal.Signals) -> None:
-    signer = "sh -c 'echo >started; exec sleep 60'"
-    with subprocess.Popen(command("--sign-command", signer), stderr=subprocess.PIPE, text=True) as process:
-        while not Path("started").exists():
-            time.sleep(0.01)
-        process.send_signal(signum)
-        said = process.communicate()[1]
-    assert (process.returncode, said) == (-signum, f"make-bundle: stopped by {signum.name}\n")
-    assert {path.name for path in Path().iterdir()} == {"source", "key", "key.pub", "word", "started"}
+def test_warns() -> None:
+    shell("openssl genrsa -out key 1024")
+    done = make("--url", "https://a.example/ä")
+    assert done.returncode == 0
+    assert done.stderr.splitlines() == [
+        "make-bundle: warning: address https://a.example/ä: contains non-ASCII characters",
+        "make-bundle: warning: a weak key, only 1024 bits long"]
 
 
-def test_ends_in_poor_surroundings() -> None:
-    with open("/dev/full", "w") as full:
-        done = make(stdout=full, env={"PATH": os.environ["PATH"], "TAR_OPTIONS": "--none"})
-    assert (done.returncode, done.stderr.splitlines()[1:]) == (
-        1, ["make-bundle: written, but standard output: No space left on device"])
+def test_leaves_nothing_after_a_signal() -> None:
+    before = sorted(Path().rglob("*"))
+    done = make("--sign-command", "sh -c 'kill -HUP $PPID; exec sleep 5'", "--no-verify")
+    assert (done.returncode, done.stderr) == (-signal.SIGHUP, "make-bundle: stopped by SIGHUP\n")
+    assert sorted(Path().rglob("*")) == before
+
+
+def test_ends_without_a_reader() -> None:
     reader, writer = os.pipe()
     os.close(reader)
     done = make(stdout=writer)
-    assert done.returncode == -signal.SIGPIPE and done.stderr.count("\n") == 1
-    assert make(env={"PATH": "/missing"}).stderr == "make-bundle: tar is needed, and not installed\n"
+    assert done.returncode == -signal.SIGPIPE
+    assert done.stderr == ""
+    with open("/dev/full", "w") as full:
+        done = check(stdout=full)
+    assert done.returncode == 2
+    assert done.stderr == "check-bundle: standard output: No space left on device\n"
+
+
+def test_any_file_name_and_closed_descriptors() -> None:
+    make()
+    os.rename(ARCHIVE, b"caf\xe9")
+    command: list[str | bytes | Path] = [TOOL.with_name("check-bundle"), DOCUMENT, b"caf\xe9", "key.pub"]
+    assert subprocess.check_output(command, timeout=60) == b"caf\\udce9: ok\n"
+    closing = ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh"]
+    assert subprocess.call([*closing, *command], timeout=60) == 0
+
+
+def test_names_the_program_that_is_missing() -> None:
+    assert make(env={"PATH": "/missing"}).stderr == "make-bundle: tar is not installed\n"

@@ -10,7 +10,11 @@ using namespace zelo;
 namespace {
 
 struct Stages : fake::Test {
-  Stages() { retries = "2", limit = "60", platform.settings["url.zelo.installer.metadata"] = "https://m/"; }
+  Stages() {
+    retries = "2";
+    limit = "60";
+    platform.settings["url.zelo.installer.metadata"] = "https://m/";
+  }
 
   // A document for every request after some failures.
   void serve(unsigned failures, const std::string& document) {
@@ -42,7 +46,8 @@ TEST_F(Stages, TheSignatureIsWrittenBeforeTheAddressIsRefused) {
 }
 
 TEST_F(Stages, WhatIsBrokenIsFoundInThisOrder) {
-  retries = "x", limit = "99999999999";
+  retries = "x";
+  limit = "99999999999";
   platform.settings.erase("url.zelo.installer.metadata");
   platform.packageName.reset();
   platform.version.reset();
@@ -67,7 +72,9 @@ TEST_F(Stages, WhatIsBrokenIsFoundInThisOrder) {
 TEST_F(Stages, DownloadsAreRetriedWithGrowingPauses) {
   const struct {
     const char* retries;
-    unsigned failures, attempts, lastPause;
+    unsigned failures;
+    unsigned attempts;
+    unsigned lastPause;
   } rows[] = {{"5", 3, 4, 3000000},
               {"0", 1, 1, 0},
               {"10", 11, 11, 10000000},

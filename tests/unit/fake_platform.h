@@ -24,7 +24,8 @@ struct Handle final : xfr::Transfer {
 
 /// One submitted request, as the service's script sees it.
 struct Request {
-  std::string source, destination;
+  std::string source;
+  std::string destination;
   xfr::TransferListener* listener = nullptr;
   int id = 0;
   xfr::Transfer* handle = nullptr;
@@ -47,15 +48,17 @@ struct Platform {
 
   /// False refuses the request.
   std::function<bool(Request&)> onInitiate = [](Request& request) {
-    return request.announce(), request.report(8), true;
+    request.announce();
+    request.report(xfr::downloadCompleted);
+    return true;
   };
-  /// Joins whatever threads `onInitiate` started.
+  /// Joins the threads that `onInitiate` started.
   std::function<void(Request&)> onFinish = [](Request&) {};
   /// Before a line is in the journal.
   std::function<void(const std::string&)> onLine = [](const std::string&) {};
   std::function<void()> onRelease = [] {};               // of the lock
   std::function<bool()> onPause = [] { return false; };  // true: interrupted
-  /// The result of a wait until a deadline; none has it wait.
+  /// The result of a wait until a deadline; without one it really waits.
   std::function<std::optional<int>(const timespec&)> onTimedWait = [](const timespec&) {
     return std::nullopt;
   };
@@ -70,7 +73,7 @@ struct Platform {
 /// The platform of the running test.
 Platform& platform();
 
-/// Has a new platform, and checks that nothing is left of the old one.
+/// Gives each test a new platform and checks that nothing is left of the old one.
 struct Test : testing::Test {
   Test() { reset(); }
   ~Test() override { reset(); }

@@ -7,15 +7,11 @@
 
 #include "tests/unit/expect_failure.h"
 
-inline void sayTo(int fd, const std::string& text) {
-  [[maybe_unused]] const ssize_t written = write(fd, text.data(), text.size());
-}
-
 constexpr int childsVoice = 90;  // a descriptor
 
-/// For the body of `inChild`, also when that has closed standard error; "" is the end.
+/// For the body of `inChild`, also after it has closed standard error; "" is the end.
 inline void say(const std::string& text) {
-  sayTo(childsVoice, text);
+  [[maybe_unused]] const ssize_t written = write(childsVoice, text.data(), text.size());
 }
 
 /// Runs `body` in a forked process. Yields what that wrote to standard error, one text for each write, and
@@ -29,7 +25,8 @@ Texts inChild(Body body) {
     alarm(30);
     dup2(ends[1], STDERR_FILENO);
     dup3(ends[1], childsVoice, O_CLOEXEC);
-    close(ends[0]), close(ends[1]);
+    close(ends[0]);
+    close(ends[1]);
     [&]() noexcept { body(); }();
     _exit(0);
   }

@@ -78,12 +78,32 @@ TEST_F(Transfer, EndsByTheFirstReportOfAnEnd) {
 TEST_F(Transfer, ReportsWithoutStatusOrHandleAreIgnored) {
   platform.onInitiate = [](Request& request) {
     request.listener->onProgress(nullptr);
-    return request.report(9), true;
+    request.report(9);
+    return true;
   };
   platform.onFinish = [](Request& request) { request.report(8); };
   EXPECT_EQ(download(0), "") << "what counts is known when finishing is over";
   EXPECT_EQ(platform.log.at(0), "<4> W TransferWrapper:onProgress:transferStatus is NULL:");
   EXPECT_EQ(platform.log.at(1), "<4> W TransferWrapper:onProgress:transfer is NULL:");
+}
+
+// The library changes its status between two looks at it.
+struct ChangingStatus final : xfr::TransferStatus {
+  int getId() override { return 1; }
+  int getState() override { return looks++ == 0 ? xfr::downloadCompleted : xfr::transferFailed; }
+  int getErrorCode() override { return 0; }
+  int getDeferredCode() override { return 0; }
+  int looks = 0;
+};
+
+TEST_F(Transfer, TheSecondLookDecidesWhetherItIsComplete) {
+  platform.onInitiate = [](Request& request) {
+    ChangingStatus status;
+    request.announce();
+    request.listener->onProgress(&status);
+    return true;
+  };
+  EXPECT_EQ(download(longTime), "download failed");
 }
 
 TEST_F(Transfer, EndsAtTheDeadline) {
@@ -99,7 +119,10 @@ TEST_F(Transfer, TheDeadlineCoversTheSubmission) {
   timespec submitted{};
   timespec until{};
   platform.onInitiate = [&](Request&) { return clock_gettime(CLOCK_REALTIME, &submitted) == 0; };
-  platform.onTimedWait = [&](const timespec& deadline) { return until = deadline, ETIMEDOUT; };
+  platform.onTimedWait = [&](const timespec& deadline) {
+    until = deadline;
+    return ETIMEDOUT;
+  };
   EXPECT_EQ(download(longTime), "download failed");
   EXPECT_LE(std::make_pair(until.tv_sec - longTime, until.tv_nsec),
             std::make_pair(submitted.tv_sec, submitted.tv_nsec));
@@ -123,7 +146,10 @@ TEST_F(Transfer, DeadlinesSaturate) {
 }
 
 TEST_F(Transfer, ARefusedRequestLeavesItsHandleToTheLibrary) {
-  platform.onInitiate = [](Request& request) { return request.announce(), false; };
+  platform.onInitiate = [](Request& request) {
+    request.announce();
+    return false;
+  };
   EXPECT_EQ(download(longTime), "initiating download failed");
   EXPECT_EQ(platform.calls, Texts{"initiate https://x/y /tmp/file"});
   EXPECT_EQ(platform.log, Texts{"<4> W TransferWrapper:download:Initiating transfer failed:"});
@@ -142,7 +168,9 @@ TEST_F(Transfer, StoringAHandleDeletesNoOther) {
   platform.onInitiate = [&](Request& request) {
     request.listener->setTransfer(other.get());
     EXPECT_EQ(request.listener->getTransfer(), other.get());
-    return request.announce(), request.report(8), true;
+    request.announce();
+    request.report(8);
+    return true;
   };
   EXPECT_EQ(download(longTime), "");
   EXPECT_EQ(platform.transfersAlive, 1);
@@ -150,7 +178,10 @@ TEST_F(Transfer, StoringAHandleDeletesNoOther) {
 
 TEST_F(Transfer, SpuriousWakeUpsDoNotEndTheWait) {
   Request running;
-  platform.onInitiate = [&](Request& request) { return running = request, true; };
+  platform.onInitiate = [&](Request& request) {
+    running = request;
+    return true;
+  };
   int wakeUps = 0;
   platform.onTimedWait = [&](const timespec&) -> std::optional<int> {
     if (++wakeUps <= 5) return 0;
@@ -171,7 +202,8 @@ TEST_F(Transfer, AnAdversarialServiceNeverChangesTheOutcome) {
     const bool early = late || pick(2) == 0;  // the handle is known before a report can come
     const int end = std::array{8, 9, 6}[static_cast<std::size_t>(pick(3))];
     const int noise = pick(20);
-    std::atomic<bool> accepted{false}, perhapsAccepted{false};
+    std::atomic<bool> accepted{false};
+    std::atomic<bool> perhapsAccepted{false};
     const auto serve = [&](const Request& request) {
       if (late) std::this_thread::sleep_for(std::chrono::milliseconds(990 + round % 21));
       for (int i = 0; i < noise; ++i) {
@@ -191,7 +223,10 @@ TEST_F(Transfer, AnAdversarialServiceNeverChangesTheOutcome) {
       if (pick(2) == 0) std::this_thread::yield();
       return true;
     };
-    platform.onFinish = [&](Request& request) { request.report(3), join(); };
+    platform.onFinish = [&](Request& request) {
+      request.report(3);
+      join();
+    };
     // Without the handle a report may be lost, and then only the deadline ends the wait.
     const auto start = steady_clock::now();
     const std::string outcome = download(late ? 1 : early ? longTime : 0);

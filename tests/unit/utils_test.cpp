@@ -11,6 +11,7 @@
 #include "platform/qorvex_daemon.h"
 #include "tests/unit/fake_platform.h"
 #include "utils/device.h"
+#include "utils/file_descriptor.h"
 #include "utils/files.h"
 #include "utils/json_wrapper.h"
 #include "utils/log.h"
@@ -30,7 +31,9 @@ struct Utils : fake::Test {
 
 TEST_F(Utils, PathsAreTakenApartAndJoined) {
   const struct {
-    std::string path, parent, name;
+    std::string path;
+    std::string parent;
+    std::string name;
   } rows[] = {{"/tmp/z.Ab/meta.json", "/tmp/z.Ab", "meta.json"},
               {"run.sh", "run.sh", "run.sh"},
               {"/file", "", "file"},
@@ -74,8 +77,11 @@ TEST_F(Utils, FilesAreReadAndWrittenWhole) {
   EXPECT_EQ(readFile(file), "of 2040");
   const std::string fifo = directory + "/fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  for (const char* path : {"", directory.c_str(), "/none", "/dev/zero", fifo.c_str()})
+  for (const char* path : {"", directory.c_str(), "/none", fifo.c_str()})
     EXPECT_EQ(readFile(path), "") << path;
+  const FileDescriptor writer(open(fifo.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(write(writer.get(), "x", 1), 1);
+  EXPECT_EQ(readFile(fifo), "") << "not a regular file";
   for (const std::string& path : {std::string(), directory, file + "/x"}) writeFile(path, "x");
 }
 
@@ -95,6 +101,13 @@ TEST_F(Utils, BundlesAreMoved) {
 TEST_F(Utils, PausesLastTheirWholeLength) {
   for (const std::uint32_t seconds : {0U, 3U, maxSleepSeconds}) sleepSeconds(seconds);
   EXPECT_EQ(platform.pauses, (std::vector<unsigned>{0, 3000000, 4294000000}));
+  platform.pauses.clear();
+  platform.onPause = [this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return platform.pauses.size() < 2;
+  };
+  sleepSeconds(0);
+  EXPECT_EQ(platform.pauses, (std::vector<unsigned>{0, 0})) << "interrupted when the time is over";
   platform.pauses.clear();
   platform.onPause = [this] {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));

@@ -1,4 +1,4 @@
-#include "standin/download.h"
+#include "standin/services/download.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>

@@ -1,4 +1,4 @@
-#include "standin/block_signals.h"
+#include "standin/library/block_signals.h"
 
 #include <initializer_list>
 

@@ -1,4 +1,4 @@
-#include "standin/bus_service.h"
+#include "standin/services/bus_service.h"
 
 #include <glib-unix.h>
 

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shlex
 import subprocess
 import time
 from collections.abc import Callable
@@ -11,7 +12,7 @@ from typing import Self
 
 from device import PATIENCE
 
-# Whoever is killed, this process or one of these: nothing of the root lives on.
+# If this process or one of these is killed, nothing of the root survives.
 NSPAWN = ("setpriv", "--pdeathsig=KILL", "unshare", "--pid", "--mount-proc", "--fork", "--kill-child",
           "systemd-nspawn", "--quiet", "--register=no", "--keep-unit", "--link-journal=no",
           "--volatile=overlay")
@@ -64,17 +65,17 @@ class BootedRoot:
             self._groups = control_groups(name)
         except OSError as error:
             raise CannotBoot(f"no control groups can be made here: {error}") from None
-        self._nspawn = (*NSPAWN, f"--machine={name}", f"--directory={root}")
-        trial = subprocess.run([*self._nspawn, "true"], preexec_fn=self._enter_groups, capture_output=True,
-                               text=True, check=False)
+        enter = " ".join(f"echo $$ >{shlex.quote(str(group))}/cgroup.procs;" for group in self._groups)
+        self._nspawn = ("sh", "-c", f'{enter} exec "$@"', "sh", *NSPAWN, f"--machine={name}",
+                        f"--directory={root}")
+        self._boot: subprocess.Popen[bytes] | None = None
+        trial = subprocess.run([*self._nspawn, "true"], capture_output=True, text=True, check=False)
         if trial.returncode != 0:
             wait_for(lambda: remove_control_groups(self._groups))
             raise CannotBoot(f"systemd-nspawn does not run here: {trial.stderr.strip()}")
 
     def __enter__(self) -> Self:
-        self._process = subprocess.Popen(
-            [*self._nspawn, "--boot", "--console=pipe"], preexec_fn=self._enter_groups,
-            stdin=subprocess.DEVNULL)
+        self._boot = subprocess.Popen([*self._nspawn, "--boot", "--console=pipe"], stdin=subprocess.DEVNULL)
         try:
             wait_for(self._is_up)
         except BaseException:
@@ -84,8 +85,9 @@ class BootedRoot:
 
     def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
                  trace: TracebackType | None) -> None:
-        self._process.kill()
-        self._process.wait()
+        if self._boot:
+            self._boot.kill()
+            self._boot.wait()
         wait_for(lambda: remove_control_groups(self._groups))
 
     def path(self, path: str) -> Path:
@@ -97,21 +99,19 @@ class BootedRoot:
         done = subprocess.run(["nsenter", f"--target={self._leader()}", "--all", *command], text=True,
                               check=False, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=60)
-        assert status in (None, done.returncode), f"{command} ended with {done.returncode}: {done.stdout}"
+        if status not in (None, done.returncode):
+            raise RuntimeError(f"{command} ended with status {done.returncode}: {done.stdout}")
         return done.stdout
 
-    def _enter_groups(self) -> None:
-        for group in self._groups:
-            (group / "cgroup.procs").write_text("0")
-
     def _leader(self) -> str:
-        pid = str(self._process.pid)
+        pid = str(self._boot.pid) if self._boot else ""
         for _ in ("systemd-nspawn", "systemd"):
             children = Path(f"/proc/{pid}/task/{pid}/children")
             pid = children.read_text().strip() if pid else ""
         return pid
 
     def _is_up(self) -> bool:
-        assert self._process.poll() is None, "systemd-nspawn has ended"
+        if self._boot is None or self._boot.poll() is not None:
+            raise RuntimeError("systemd-nspawn has ended")
         return self._leader() != "" and self.run("systemctl", "is-system-running", status=None) in (
             "running\n", "degraded\n")

@@ -6,11 +6,11 @@
 namespace zelo {
 
 /// Releases with the C library's `free`.
-struct FreeDeleter {
+struct Free {
   void operator()(char* text) const noexcept { std::free(text); }
 };
 
-/// A text that a library allocated for its caller, who releases it with `free`.
-using PlatformText = std::unique_ptr<char, FreeDeleter>;
+/// Owns a text that a library allocated with `malloc` for its caller.
+using MallocText = std::unique_ptr<char, Free>;
 
 }  // namespace zelo

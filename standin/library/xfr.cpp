@@ -9,9 +9,9 @@
 #include <thread>
 
 #include "platform/xfr.h"
-#include "standin/block_signals.h"
 #include "standin/bus_connection.h"
-#include "standin/bus_handle.h"
+#include "standin/library/block_signals.h"
+#include "standin/library/bus_handle.h"
 #include "standin/transfer_interface.h"
 
 namespace xfr {

@@ -1,7 +1,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "standin/bus_service.h"
+#include "standin/services/bus_service.h"
 
 // A tiny UI shell: prints what a real one would show.
 namespace {

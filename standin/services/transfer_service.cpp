@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "platform/xfr.h"
-#include "standin/bus_service.h"
-#include "standin/download.h"
+#include "standin/services/bus_service.h"
+#include "standin/services/download.h"
 #include "standin/transfer_interface.h"
 
 namespace {

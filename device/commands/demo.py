@@ -1,16 +1,9 @@
 """Shows on virtual devices what the daemon does with good and bad bundles."""
 
-from device import alone
-
-if __name__ == "__main__":
-    alone.enter()
-
 import argparse
 import os
-import sys
 from pathlib import Path
 
-from device import command_line
 from device.bundles import RECORD
 from device.cases import (ANOTHER, BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
                           RETRIES, STAGES, TEMPLATE, Case, both, failing, good, marker, nothing,
@@ -122,7 +115,3 @@ def main() -> int:
     build = Path(os.environ.get("ZELO_BUILD_DIR", "build/release"))
     results = [play(cases[name], build) for name in arguments.names or cases]
     return 0 if all(results) else 1
-
-
-if __name__ == "__main__":
-    sys.exit(command_line.run("demo", main))

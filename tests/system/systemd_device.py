@@ -7,12 +7,12 @@ from contextlib import closing, contextmanager
 from itertools import chain
 from pathlib import Path
 
-from device.booted_root import BootedRoot, wait_for
+from booted_root import BootedRoot, wait_for
 from device.https_server import AUTHORITY, HOST, Content, Server, authority
 from device.keys import Keys
 from device.services import BUS_CONFIG
 
-ROOT = Path(__file__).resolve().parents[1]
+ROOT = Path(__file__).resolve().parents[2]
 SERVICES = {"kbus": "/usr/bin/dbus-daemon --config-file=/etc/kbus.conf --nofork --nopidfile",
             "transfer-service": "/usr/sbin/transfer-service", "vestrel": "/usr/bin/vestrel"}
 SETTINGS = "/var/lib/prefbox/zelo.installer.download"
@@ -21,11 +21,17 @@ AUTHOR = "/run/author"
 
 
 class SystemdDevice(BootedRoot):
-    def prepare(self, build: Path, keys: Keys, server: Server) -> None:
-        self.server, self.url = server, f"https://{HOST}:{server.port}"
-        for place, directory in (("/usr/sbin/transfer-service", build), ("/usr/bin/vestrel", build),
-                                 ("/usr/bin/kbus-set-prop", ROOT), ("/usr/bin/kbus-send-event", ROOT)):
-            shutil.copy(directory / "standin" / Path(place).name, self.path(place))
+    def __init__(self, root: Path, server: Server):
+        super().__init__(root)
+        self.server = server
+        self.url = f"https://{HOST}:{server.port}"
+
+    def prepare(self, build: Path, keys: Keys) -> None:
+        for place, directory in (("/usr/sbin/transfer-service", build / "standin"),
+                                 ("/usr/bin/vestrel", build / "standin"),
+                                 ("/usr/bin/kbus-set-prop", ROOT / "standin" / "tools"),
+                                 ("/usr/bin/kbus-send-event", ROOT / "standin" / "tools")):
+            shutil.copy(directory / Path(place).name, self.path(place))
         for path, text in {
             "/etc/hosts": f"127.0.0.1 {HOST}\n", "/etc/kbus.conf": BUS_CONFIG.format(socket="/run/kbus.sock"),
             "/etc/device-info": "[device]\nsoftware_version=1\nsoftware_package_name=base\n",
@@ -81,6 +87,6 @@ class SystemdDevice(BootedRoot):
 def running_device(root: Path, build: Path) -> Iterator[SystemdDevice]:
     """`root` is a directory that ci/check-packages has made. Raises `CannotBoot`."""
     keys = Keys(build / "device" / "keys")
-    with SystemdDevice(root) as device, closing(Server()) as server:
-        device.prepare(build, keys, server)
+    with closing(Server()) as server, SystemdDevice(root, server) as device:
+        device.prepare(build, keys)
         yield device

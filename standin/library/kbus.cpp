@@ -10,9 +10,9 @@
 #include <future>
 #include <memory>
 
-#include "standin/block_signals.h"
 #include "standin/bus_connection.h"
-#include "standin/bus_handle.h"
+#include "standin/library/block_signals.h"
+#include "standin/library/bus_handle.h"
 
 namespace {
 

@@ -8,6 +8,7 @@ import sys
 import tempfile
 from argparse import Namespace
 from collections.abc import Iterable
+from contextlib import suppress
 from dataclasses import replace
 from pathlib import Path
 
@@ -17,7 +18,7 @@ from device import alone, services
 from device.https_server import HOST
 from device.keys import Keys
 from device.trial import confinement, trace
-from device.trial.changes import differences, entries, entry
+from device.trial.changes import differences, entries
 from device.trial.lines import printable, shortened
 from device.trial.options import parse_arguments
 from device.trial.publishing import publish
@@ -43,12 +44,13 @@ class Trial:
         self.interrupted: Stopped | None = None
         self._device = device
         self._timeout = timeout
+        self._ours: list[str] = []  # files that are not run.sh's business
         self._entries = entries(device.root)
         why_not = trace.unavailable()
         self._traced = not why_not
         if why_not:
-            print(f"not traced ({why_not}): it cannot be told how run.sh ends, what it writes on standard output, "
-                  "which programs fail and what it leaves running")
+            print(f"not traced ({why_not}): it cannot be told how run.sh ends, what it writes on standard "
+                  "output, which programs fail and what it leaves running")
 
     def attempt(self, name: str) -> Attempt:
         print(f"{name} attempt:", flush=True)
@@ -62,23 +64,23 @@ class Trial:
         show("programs not found", seen.not_found)
         show("running when it was stopped" if seen.stopped else "left running", seen.left)
         before, self._entries = self._entries, entries(self._device.root, self._entries)
+        for path in self._ours:
+            before.pop(path, None)
+            self._entries.pop(path, None)
         changes = differences(before, self._entries)
         show(f"changes by the {name} attempt, without the daemon's own files", changes or ["none"])
         return replace(seen, changes=changes)
 
     def put_back_host(self) -> None:
         """The server's name is the virtual device's own business, but run.sh may have written the file."""
-        line = f"127.0.0.1 {HOST}\n".encode()
         flags = os.O_RDWR | os.O_APPEND | os.O_CREAT | os.O_NOFOLLOW | os.O_NONBLOCK
-        try:
-            directory = os.open(self._device.root / "etc", os.O_DIRECTORY | os.O_NOFOLLOW)
-            with open(os.open("hosts", flags, 0o644, dir_fd=directory), "rb+") as file:
-                if HOST.encode() not in file.read():
-                    file.write(line)
-            os.close(directory)
-            self._entries["/etc/hosts"] = entry(self._device.root / "etc/hosts")
-        except OSError:
-            pass  # then the second attempt says so
+        with suppress(OSError):  # then the second attempt says so
+            etc = os.open(self._device.root / "etc", os.O_DIRECTORY | os.O_NOFOLLOW)
+            with open(os.open("hosts", flags, 0o644, dir_fd=etc), "rb+") as hosts:
+                if HOST.encode() not in hosts.read():
+                    hosts.write(f"127.0.0.1 {HOST}\n".encode())
+                    self._ours = ["/etc/hosts"]
+            os.close(etc)
 
 
 def try_out(device: VirtualDevice, arguments: Namespace) -> int:
@@ -87,6 +89,7 @@ def try_out(device: VirtualDevice, arguments: Namespace) -> int:
     if first.reached_script and not first.stopped and not arguments.once:
         trial.put_back_host()
         second = trial.attempt("second")
+        second = None if trial.interrupted else second
     verdict = judge(first, second, arguments.strict)
     print(*map(printable, verdict.lines), sep="\n")
     if trial.interrupted:
@@ -99,12 +102,14 @@ def open_shell(device: VirtualDevice) -> None:
     signal.signal(signal.SIGINT, lambda *_: None)  # meant for what runs in the shell
     environment = {"PATH": "/usr/sbin:/usr/bin", "TERM": os.environ.get("TERM", "dumb")}
     # On a terminal of its own, so that nothing in there can type on this one.
-    command = ["/usr/bin/script", "--quiet", "--command", shlex.join([*device.entering, "/bin/sh"]), "/dev/null"]
+    shell = shlex.join([*device.entering, "/bin/sh"])
+    command = ["/usr/bin/script", "--quiet", "--command", shell, "/dev/null"]
     subprocess.run(command, env=environment, check=False)
 
 
 def keep(device: VirtualDevice) -> None:
-    kept = tempfile.mkdtemp(prefix="try-bundle.", dir="/tmp")  # closed to others: there may be set-user-ID files
+    # Closed to others, because there may be set-user-ID files in it.
+    kept = tempfile.mkdtemp(prefix="try-bundle.", dir="/tmp")
     subprocess.run(["cp", "-a", device.root, kept], check=True)
     print(f"the device's files: {kept}/{device.root.name}")
 

@@ -9,7 +9,8 @@ EPILOG = """\
 Nothing that run.sh does reaches this machine: it sees the device's files and processes, has no network and no
 /sys, and cannot remount the root or restart the device. Where that cannot be had, --unconfined is needed.
 The second attempt is what a fleet does: each start of the daemon runs the script again, and the timer starts
-it daily. When it fails before it comes to its script, the device cannot be updated any more.
+it daily. When it fails before it comes to its script, the device cannot be updated any more. (A bundle that
+replaces the device's key does that to itself: --once leaves the second attempt out.)
 A failed download is not repeated, unless --setting says so.
 
 Exit status: 0 installed, 1 not installed, or the device cannot be updated any more, 2 wrong usage."""
@@ -39,9 +40,9 @@ def addition(text: str) -> dict[str, Path]:
         return {there: Path(here).resolve()}
     if not Path(here).is_dir():
         raise argparse.ArgumentTypeError(f"{text}: {here} is neither a file nor a folder")
-    files = (Path(parent, name) for parent, _, names in os.walk(here, followlinks=True) for name in names)
-    targets = {os.path.join(there, path.relative_to(here)): path.resolve() for path in files if path.is_file()}
-    return {target: path for target, path in targets.items() if not OWN.fullmatch(target)}
+    found = (Path(parent, name) for parent, _, names in os.walk(here, followlinks=True) for name in names)
+    files = {os.path.join(there, path.relative_to(here)): path.resolve() for path in found if path.is_file()}
+    return {target: path for target, path in files.items() if not OWN.fullmatch(target)}
 
 
 def size(text: str) -> int:
@@ -69,12 +70,12 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
                         help="install this public key on the device, for DOCUMENT's signature (default: the "
                         "bundle is signed with a new key)")
     parser.add_argument("--root", type=system, metavar="DIR",
-                        help="use this root file system as the device; DIR stays as it is. What the daemon needs is "
-                        "added; hosts, nsswitch.conf, device-info, certificates, settings and keys are replaced")
+                        help="use this root file system as the device; DIR stays as it is. What the daemon "
+                        "needs is added; hosts, nsswitch.conf, device-info, certificates and keys are replaced")
     parser.add_argument("--bare", action="store_true",
                         help="leave out what a small system has (busybox) and the daemon does not need")
     parser.add_argument("--add", action="append", default=[], type=addition, metavar="PATH[:TARGET]",
-                        help="put a file, a program with its libraries, or a folder on the device (at TARGET)")
+                        help="put a file, a program with its libraries, or a folder on the device, at TARGET")
     parser.add_argument("--setting", action="append", default=[], type=setting,
                         metavar="KEY=VALUE", help="set a value of the configuration store")
     parser.add_argument("--room", type=size, default="1G", metavar="SIZE",

@@ -1,5 +1,6 @@
 """May this bundle be shipped? What an author is told in the end, from what was seen."""
 
+import signal
 from collections.abc import Iterator, Sequence
 from dataclasses import dataclass
 
@@ -8,18 +9,18 @@ DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE"
 
 @dataclass(frozen=True)
 class Attempt:
-    """What was seen of one start of the daemon. Without a tracer some of it stays empty."""
+    """What was seen of one start of the daemon."""
 
-    status: int | None = 0  # None when it was stopped
+    status: int | None  # None when it was stopped; a signal is a negative number
     code: str = ""  # what the user was shown
     stopped: str = ""  # why it was stopped
-    reached_script: bool = True
-    script_end: str = "status 0"
+    reached_script: bool = False
+    script_end: str = ""  # "status 1" or the name of a signal, where it can be told
     stderr: bool = False
     not_found: Sequence[str] = ()
     left: Sequence[str] = ()
     restarts: bool = False
-    changes: Sequence[str] = ("changed  /x",)
+    changes: Sequence[str] = ()
 
     def installed(self) -> bool:
         return self.status == 0 and not self.code
@@ -30,7 +31,9 @@ class Attempt:
         if self.code:
             return f"code {self.code}"
         status = self.status or 0
-        return f"the daemon ended with {'signal' if status < 0 else 'status'} {abs(status)}"
+        if status < 0:
+            return f"the daemon was ended by {signal.Signals(-status).name}"
+        return f"the daemon ended with status {status}"
 
 
 @dataclass(frozen=True)
@@ -71,4 +74,5 @@ def _remarks_on_second(second: Attempt) -> Iterator[str]:
     if not second.installed():
         yield f"the second attempt fails: {second.outcome()}"
     if second.changes:
-        yield f"the second attempt changes more: {len(second.changes)} paths"
+        number = len(second.changes)
+        yield f"the second attempt changes more: {number} path{'s' if number > 1 else ''}"

@@ -1,46 +1,163 @@
-"""What an author is shown of a bundle's run on the virtual device."""
+"""What an author is told of a bundle that is tried on the virtual device."""
 
 import os
+import signal
 import subprocess
 import sys
 from pathlib import Path
 
+import pytest
+
+from device import rootfs
 from device.bundles import pack
 from device.keys import Keys
 
 ROOT = Path(__file__).resolve().parents[2]
-SCRIPT = """#!/bin/sh -e
-awk 'BEGIN { print "noise" > "/dev/stderr" }'
-mkdir /new; rm /etc/nsswitch.conf; echo >> /etc/hosts; chmod 600 /etc/passwd
-head -c 500000 /bin/busybox > /tmp/x
+COMMAND = [sys.executable, "-m", "device.commands", "try-bundle"]
+DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before it comes to its script"
+SHOWN = r"""#!/bin/sh -e
+printf 'caf\303\251 \377\n' >&2
+echo progress
+mkdir /new
+rm /etc/nsswitch.conf
+echo > /etc/hosts
+chmod 600 /etc/passwd
+touch "$(printf '/tmp/\377')"
+sleep 1000 > /dev/null 2>&1 &
+awk 'BEGIN { exit 3 }' || env nosuch || true
 """
-CHANGES = ["changed  /etc/hosts (content)", "removed  /etc/nsswitch.conf",
-           "changed  /etc/passwd (mode 0644 -> 0600)", "added    /new (directory, 0755, 0:0)",
-           "added    /tmp/x (file, 0644, 0:0)"]
+# Each of these reaches this machine where root is not confined.
+ESCAPES = """
+mount -o remount,rw,bind /proc
+umount /proc
+umount -l /dev/null
+echo 77 > /proc/sys/kernel/panic
+chmod 000 /dev/null
+chmod 000 /proc/self/fd/0
+mknod /disk b 8 0
+mount -t sysfs none /mnt
+mount -t cgroup2 none /mnt
+reboot -f
+kill -9 1
+"""
+MACHINE = "stat -c %a /dev/null; cat /proc/sys/kernel/panic /proc/mounts; hostname"
+
+
+def environment(build: Path) -> dict[str, str]:
+    """Where nothing but ASCII is known."""
+    return {**os.environ, "ZELO_BUILD_DIR": str(build), "PYTHONPATH": f"{ROOT}:{ROOT}/tools", "LC_ALL": "C",
+            "PYTHONUTF8": "0", "PYTHONCOERCECLOCALE": "0"}
 
 
 def attempt(build: Path, *arguments: str | Path) -> tuple[int, str]:
-    done = subprocess.run([sys.executable, "-m", "device.try_bundle", *arguments], check=False, text=True,
-                          stdout=subprocess.PIPE, cwd=ROOT, env={**os.environ, "ZELO_BUILD_DIR": str(build)})
+    done = subprocess.run([*COMMAND, *arguments], check=False, text=True, stdout=subprocess.PIPE, cwd=ROOT,
+                          env=environment(build))
     return done.returncode, done.stdout
 
 
-def test_what_an_author_is_shown(build: Path, tmp_path: Path) -> None:
-    source, document, archive = tmp_path / "bundle", tmp_path / "document", tmp_path / "archive"
-    keys = Keys(tmp_path / "keys")
-    source.mkdir()
-    (source / "run.sh").write_text(SCRIPT)
-    (source / "run.sh").chmod(0o755)
-    status, said = attempt(build, source)
-    changes = said.partition("apart:\n")[2].partition("exit status")[0].splitlines()
-    assert (status, [line.strip() for line in changes]) == (0, CHANGES), said
-    assert "\n  noise\n" in said and "s  Running installer\n" in said and said.endswith("\ninstalled\n")
-    assert int(said.partition("in /tmp: ")[2].split()[0]) > 500000
+@pytest.fixture
+def source(tmp_path: Path) -> Path:
+    directory = tmp_path / "bundle"
+    directory.mkdir()
+    write(directory, "")
+    return directory
 
-    assert attempt(build, source, "--bare")[1].endswith("code 03\n")  # without awk
+
+def write(source: Path, script: str) -> None:
+    (source / "run.sh").write_text(script if script.startswith("#!") else f"#!/bin/sh -e\n{script}\n")
+    (source / "run.sh").chmod(0o755)
+
+
+def test_what_is_shown(build: Path, source: Path) -> None:
+    write(source, SHOWN)
+    status, said = attempt(build, source)
+    events = [line.partition(" s  ")[2] for line in said.splitlines()]
+    for event in ("stderr   caf\\udcc3\\udca9 \\udcff", "stdout   progress  (dropped on a device)",
+                  "stderr   env: can't execute 'nosuch': No such file or directory"):
+        assert event in events
+    first = said.partition("run.sh ended: ")[2].partition("second attempt:")[0]
+    assert first.splitlines() == [
+        "status 0", "programs of run.sh that failed, which may be meant:", "  awk BEGIN { exit 3 }: status 3",
+        "programs not found:", "  nosuch", "left running:", "  sleep 1000",
+        "changes by the first attempt, without the daemon's own files:", "  changed  /etc/hosts (content)",
+        "  removed  /etc/nsswitch.conf", "  changed  /etc/passwd (mode 0644 -> 0600)",
+        "  added    /new (directory, 0755, 0:0)", "  added    /tmp/\\udcff (file, 0644, 0:0)"]
+    assert said.splitlines()[-5:] == [
+        "installed, but", "  not found: nosuch", "  something was written on standard error",
+        "  left running, until the service unit kills them: sleep 1000",
+        "  the second attempt fails: code 03"]
+    assert status == 0
+    assert attempt(build, source, "--strict")[0] == 1
+
+
+@pytest.mark.parametrize("script, options, verdict, expected", [
+    ("touch /x", "", "installed", 0),
+    ("mkdir /x", "--once", "installed", 0),
+    ("echo > /etc/hosts", "", "installed", 0),  # the server's name is the virtual device's own business
+    ("touch /x; rm -f /dev/log", "", "installed", 0),
+    ("chmod 000 /usr/lib", "", "installed", 0),
+    ("echo >> /x", "", "the second attempt changes more: 1 path", 0),
+    ("touch /x; kill -9 $$", "", "run.sh was ended by SIGKILL, which counts as success", 0),
+    ("rm /usr/bin/openssl", "", f"{DEAD} (code 00)", 1),
+    ("rm /bin/sh /usr/bin/busybox", "", f"{DEAD} (the daemon ended with status 1)", 1),
+    ("dd if=/dev/zero of=/x bs=1M || true", "--room 8M", f"{DEAD} (code 02)", 1),
+    ("awk 'BEGIN { exit }'", "--bare", "NOT INSTALLED: code 03", 1),
+    ("sleep 1000", "--timeout 1", "NOT INSTALLED: stopped after 1 s", 1),
+    ("touch /x", "--setting zelo.installer.download.retries=-1", "NOT INSTALLED: code 99", 1),
+    ("test -s /opt/here/run.sh; touch /x", "--add {source}:/opt/here", "installed", 0),
+    ("kill -9 -1", "", "NOT INSTALLED: the daemon was ended by SIGKILL", 1),
+])
+def test_verdict(build: Path, source: Path, script: str, options: str, verdict: str, expected: int) -> None:
+    write(source, script)
+    status, said = attempt(build, *options.format(source=source).split(), source)
+    assert (status, said.splitlines()[-1].strip()) == (expected, verdict), said
+
+
+@pytest.mark.usefixtures("confined_only")
+def test_nothing_reaches_this_machine(build: Path, source: Path) -> None:
+    escapes = [line for line in ESCAPES.splitlines() if line]
+    write(source, "#!/bin/sh\nmkdir -p /mnt\nhostname evil\n" + "".join(
+        f"if {line}; then echo 'DID {line}' >&2; fi\n" for line in escapes))
+    before = subprocess.check_output(MACHINE, shell=True)
+    status, said = attempt(build, "--once", source)
+    assert subprocess.check_output(MACHINE, shell=True) == before
+    did = [line.partition("DID ")[2] for line in said.splitlines() if "DID " in line]
+    assert (status, did) == (0, ["kill -9 1"]), said  # without effect
+
+
+@pytest.mark.parametrize("name", ["root", "not:for an overlay"])
+def test_own_system(build: Path, source: Path, tmp_path: Path, name: str) -> None:
+    own = tmp_path / name
+    rootfs.fill(own, build, {"/bin/rm": Path("/usr/bin/rm"), "/etc/own": source / "run.sh"})
+    (own / "usr/bin/openssl").unlink()
+    (own / "var/run").rmdir()
+    (own / "var/run").symlink_to("/run")
+    before = sorted((path, path.lstat().st_mtime_ns) for path in own.rglob("*"))
+    write(source, "rm /etc/own")
+    status, said = attempt(build, "--once", "--root", own, source)
+    assert status == 0 and "which lacks them:\n  /usr/bin/openssl\nsigned" in said
+    assert said.endswith("own files:\n  removed  /etc/own\ninstalled\n")
+    assert sorted((path, path.lstat().st_mtime_ns) for path in own.rglob("*")) == before
+
+
+def test_a_bundle_with_its_key(build: Path, source: Path, tmp_path: Path) -> None:
+    keys = Keys(tmp_path / "keys")
     bundle = pack(source, keys.private("author"), "https://bundles.example.com/x")
+    document, archive = tmp_path / "document", tmp_path / "archive"
     document.write_bytes(bundle.document.replace(b"}", b', "signature": "the second one"}'))
     archive.write_bytes(bundle.archive)
     assert attempt(build, document, archive, "--key", keys.public("author"))[0] == 0
     status, said = attempt(build, document, archive, "--key", keys.public("other"))
     assert status == 1 and said.endswith("code 00\n") and "error: the signature does not verify" in said
+
+
+def test_what_is_waited_for_and_an_end_by_the_user(build: Path, source: Path) -> None:
+    write(source, "touch /x; sleep 1000 &")
+    with subprocess.Popen([*COMMAND, source], text=True, stdout=subprocess.PIPE, cwd=ROOT,
+                          env=environment(build)) as process:
+        assert process.stdout
+        line = next(line for line in process.stdout if "  waiting  " in line)
+        assert line.endswith("run.sh has ended, but its standard output is held by: sleep 1000\n")
+        process.send_signal(signal.SIGINT)
+        assert process.stdout.read().endswith("/x (file, 0644, 0:0)\nNOT INSTALLED: stopped by SIGINT\n")
+    assert process.returncode == -signal.SIGINT

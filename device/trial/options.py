@@ -71,7 +71,7 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
                         "bundle is signed with a new key)")
     parser.add_argument("--root", type=system, metavar="DIR",
                         help="use this root file system as the device; DIR stays as it is. What the daemon "
-                        "needs is added; hosts, nsswitch.conf, device-info, certificates and keys are replaced")
+                        "needs is added; hosts, nsswitch.conf, device-info, certificates, keys are replaced")
     parser.add_argument("--bare", action="store_true",
                         help="leave out what a small system has (busybox) and the daemon does not need")
     parser.add_argument("--add", action="append", default=[], type=addition, metavar="PATH[:TARGET]",

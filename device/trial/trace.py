@@ -8,7 +8,10 @@ from dataclasses import dataclass, field
 
 from device.rootfs import DAEMON
 
-CALLS = "execve,execveat,clone,?clone3,?fork,?vfork,write,writev,sendfile,?dup2,dup3,reboot"
+PRIVILEGED = ("mount", "umount2", "mknod", "mknodat", "settimeofday", "clock_settime", "finit_module")
+# Not every machine has all of them.
+CALLS = ",?".join(("execve", "execveat", "clone", "clone3", "fork", "vfork", "write", "writev", "sendfile",
+                   "dup2", "dup3", "reboot", *PRIVILEGED))
 STRACE = ["/usr/bin/strace", "-f", "-q", "-y", "--decode-pids=pidns", "--seccomp-bpf",
           "--string-limit=4096", f"--trace={CALLS}"]
 SCRIPT = re.compile(r"/tmp/zeloinstall\.[^/]+/run\.sh")
@@ -18,6 +21,7 @@ UNFINISHED = " <unfinished ...>"
 RESUMED = re.compile(r"<\.\.\. \w+ resumed>(.*)")
 CALL = re.compile(r"(\w+)\((.*)\) += (-?\d+)(.*)")
 END = re.compile(r"\+\+\+ (?:exited with (\d+)|killed by (\w+).*) \+\+\+")
+NOT_FOUND = "status 127"  # of programs that were to start another
 SHORT = 50  # characters, in which the name of a pipe has room
 TEXT = re.compile(r'"((?:\\.|[^"\\])*)"')
 CHILD = re.compile(r" /\* (\d+) in strace's PID NS \*/")
@@ -58,6 +62,7 @@ class Trace:
     failed: list[str] = field(default_factory=list)  # programs of the script
     not_found: list[str] = field(default_factory=list)
     left: list[str] = field(default_factory=list)  # what the script started and the end of the daemon met
+    refused: list[str] = field(default_factory=list)  # system calls of the script that a device may allow
     restarts: bool = False  # the kernel was asked to restart the device
     output: str = ""  # the pipe that is the standard output of run.sh
     _daemon: int = 0
@@ -99,6 +104,9 @@ class Trace:
                 self._processes[pid].output = pipe[1]
         elif name == "reboot":
             self.restarts |= self._is_of_script(pid)
+        elif name in PRIVILEGED:
+            if "EPERM" in more and self._is_of_script(pid):
+                self.refused.append(name)
         elif succeeded and (pipe := PIPE.match(arguments)) and pipe[1] == self.output:
             cut = b" [...]\n" if '"...' in arguments else b""
             return b"".join(map(unquoted, TEXT.findall(arguments))) + cut or b"[%s bytes]\n" % result.encode()
@@ -137,7 +145,7 @@ class Trace:
         process = self._processes[pid]
         if not self._is_of_script(pid) or self.daemon_end:
             return
-        if process.not_found:
+        if process.not_found and process.end == NOT_FOUND:
             self.not_found.append(process.not_found)
         elif process.executed and process.end != "status 0":
             self.failed.append(f"{process.command}: {process.end}")

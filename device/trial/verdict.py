@@ -19,6 +19,7 @@ class Attempt:
     stderr: bool = False
     not_found: Sequence[str] = ()
     left: Sequence[str] = ()
+    refused: Sequence[str] = ()  # system calls
     restarts: bool = False
     changes: Sequence[str] = ()
 
@@ -48,11 +49,16 @@ def judge(first: Attempt, second: Attempt | None, strict: bool) -> Verdict:
     why = [f"{DEAD}: the next attempt fails before it comes to its script ({second.outcome()})"
            ] if second and dead else []
     if not first.installed():
-        return Verdict([f"NOT INSTALLED: {first.outcome()}", *why], 1)
+        return Verdict([f"NOT INSTALLED: {first.outcome()}", *_refusals(first), *why], 1)
     remarks = [*_remarks(first), *(why or (_remarks_on_second(second) if second else ()))]
     if not remarks:
         return Verdict(["installed"], 0)
     return Verdict(["installed, but", *(f"  {remark}" for remark in remarks)], 1 if dead or strict else 0)
+
+
+def _refusals(attempt: Attempt) -> Iterator[str]:
+    if attempt.refused:
+        yield f"refused here, but perhaps not on a device: {', '.join(attempt.refused)}"
 
 
 def _remarks(attempt: Attempt) -> Iterator[str]:
@@ -60,6 +66,7 @@ def _remarks(attempt: Attempt) -> Iterator[str]:
         yield f"run.sh was ended by {attempt.script_end}, which counts as success"
     if attempt.not_found:
         yield f"not found: {', '.join(attempt.not_found)}"
+    yield from _refusals(attempt)
     if attempt.stderr:
         yield "something was written on standard error"
     if attempt.left:

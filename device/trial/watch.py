@@ -159,7 +159,8 @@ class Watch:
         succeeded = status == 0 and not code
         reached = bool(self.trace.script) if self._traced else succeeded or code == SCRIPT_FAILED
         return Attempt(status, code, stopped, reached, self.trace.script_end, self._wrote_stderr,
-                       shortened(self.trace.not_found), left, self.trace.restarts)
+                       shortened(self.trace.not_found), left, shortened(self.trace.refused),
+                       self.trace.restarts)
 
 
 def holds(pid: int, pipe: str) -> bool:

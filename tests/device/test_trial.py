@@ -57,11 +57,12 @@ def test_standard_output() -> None:
     assert traced(DAEMON + written)[1] == b""
 
 
-def test_a_restart_and_who_runs() -> None:
+def test_privileges_and_who_runs() -> None:
     restart = "9 reboot(LINUX_REBOOT_MAGIC1, LINUX_REBOOT_MAGIC2, LINUX_REBOOT_CMD_RESTART) = -1 EPERM (x)\n"
-    trace, _ = traced(STARTED + FORKED + restart)
-    assert trace.restarts and trace.running() == {8: "/tmp/zeloinstall.aBc123/run.sh",
-                                                  9: "/tmp/zeloinstall.aBc123/run.sh"}
+    mounts = "".join(f"{pid} mount(NULL, \"/\", NULL, MS_REMOUNT, NULL) = -1 EPERM (x)\n" for pid in (7, 9))
+    trace, _ = traced(STARTED + FORKED + restart + mounts)
+    assert (trace.restarts, trace.refused) == (True, ["mount"])
+    assert trace.running() == dict.fromkeys((8, 9), "/tmp/zeloinstall.aBc123/run.sh")
 
 
 GOOD = Attempt(status=0, reached_script=True, script_end="status 0", changes=["added    /x"])
@@ -77,15 +78,17 @@ DEAD = ("  THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before 
     (replace(GOOD, stderr=True, script_end="SIGKILL"), None,
      ["installed, but", "  run.sh was ended by SIGKILL, which counts as success",
       "  something was written on standard error"], 0),
-    (replace(GOOD, not_found=["a"], left=["b", "c"], restarts=True), AGAIN,
-     ["installed, but", "  not found: a", "  left running, until the service unit kills them: b, c",
+    (replace(GOOD, not_found=["a"], refused=["mount"], left=["b", "c"], restarts=True), AGAIN,
+     ["installed, but", "  not found: a", "  refused here, but perhaps not on a device: mount",
+      "  left running, until the service unit kills them: b, c",
       "  a restart of the device was asked for; devices run the bundle again after it"], 0),
     (GOOD, replace(AGAIN, code="03"), ["installed, but", "  the second attempt fails: code 03"], 0),
     (GOOD, GOOD, ["installed, but", "  the second attempt changes more: 1 path"], 0),
     (GOOD, replace(AGAIN, code="00", reached_script=False), ["installed, but", DEAD], 1),
     (GOOD, replace(AGAIN, status=None, stopped="stopped after 5 s"),
      ["installed, but", "  the second attempt fails: stopped after 5 s"], 0),
-    (replace(GOOD, code="03"), AGAIN, ["NOT INSTALLED: code 03"], 1),
+    (replace(GOOD, code="03", refused=["mount"]), AGAIN,
+     ["NOT INSTALLED: code 03", "refused here, but perhaps not on a device: mount"], 1),
     (replace(GOOD, code="03"), replace(AGAIN, code="00", reached_script=False),
      ["NOT INSTALLED: code 03", DEAD.strip()], 1),
     (replace(GOOD, status=1), None, ["NOT INSTALLED: the daemon ended with status 1"], 1),

@@ -1,4 +1,4 @@
-# 32-bit ARM with hardware floating point; the libraries are those of ci/make-armhf-sysroot.
+# 32-bit ARM with hardware floating point; the libraries are those that ci/check-armhf unpacks.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)

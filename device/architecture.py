@@ -12,11 +12,11 @@ from pathlib import Path
 class Architecture:
     launcher: tuple[str, ...]  # what starts a program
     ldd: tuple[str, ...]  # what lists a program's libraries
-    sysroot: str  # where the libraries lie here
-    directory: str  # where they lie on the device; each architecture's loader searches its own
+    sysroot: str  # where the libraries are here
+    directory: str  # where they are on the device; each architecture's loader searches its own
 
     def here(self, path: str) -> Path:
-        """Where a library of the list lies; those that were built here are not in the sysroot."""
+        """Where a library of the list is on this machine; those that were built here are not in the sysroot."""
         inside = Path(self.sysroot + path)
         return inside if inside.exists() else Path(path)
 

@@ -36,7 +36,7 @@ def enter(memory: str) -> int | None:
 
 
 def die_with_parent(signum: int) -> None:
-    """Has the system send this process a signal when the one that started it ends."""
+    """Asks for a signal to this process when the one that started it ends."""
     call("prctl", _SIGNAL_WHEN_PARENT_ENDS, signum)
 
 

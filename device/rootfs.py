@@ -51,7 +51,7 @@ def inside(root: Path, path: str) -> Path:
 
 @functools.cache
 def libraries(program: Path) -> dict[str, Path]:
-    """The shared libraries of a program: where each lies on a device, and here. Other files have none."""
+    """The shared libraries of a program: where each is on a device, and here. Other files have none."""
     kind = architecture(program)
     with open(program, "rb") as file:
         if file.read(4) != b"\x7fELF":

@@ -74,7 +74,7 @@ class SyslogReceiver:
             self._thread = None
 
     def fill(self) -> None:
-        """Stops reading and leaves no room in the socket, so that whoever logs has to wait."""
+        """Stops reading and leaves no room in the socket, so that any program that logs has to wait."""
         self.pause()
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.setblocking(False)

@@ -83,7 +83,7 @@ class VirtualDevice:
         self._stack.close()
 
     def path(self, path: str) -> Path:
-        """Where an absolute path of the device lies on this machine."""
+        """Where an absolute path of the device is on this machine."""
         return inside(self.root, path)
 
     def url(self, path: str) -> str:
@@ -178,7 +178,7 @@ class VirtualDevice:
         return run
 
     def popen(self, command: Sequence[str], **popen: Any) -> subprocess.Popen[bytes]:
-        """Starts any program inside the root; whoever asks for it waits for its end."""
+        """Starts any program inside the root; the caller waits for its end."""
         popen = {"env": {}, "cwd": self._base, "stdin": subprocess.DEVNULL, **popen}
         return subprocess.Popen([*self.entering, *command], **popen)
 

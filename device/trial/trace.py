@@ -54,6 +54,7 @@ class Trace:
 
     script: int = 0  # the process of run.sh, once there is one
     script_end: str = ""  # "status 1", or the name of a signal
+    daemon_end: str = ""
     failed: list[str] = field(default_factory=list)  # programs of the script
     not_found: list[str] = field(default_factory=list)
     left: list[str] = field(default_factory=list)  # what the script started and the end of the daemon met
@@ -124,6 +125,7 @@ class Trace:
 
     def _end(self, pid: int, end: str) -> None:
         if pid == self._daemon:
+            self.daemon_end = end
             self.left = [command for left, command in self.running().items() if left != self.script]
         self._processes[pid].end = end
         if pid == self.script:
@@ -133,7 +135,7 @@ class Trace:
 
     def _judge(self, pid: int) -> None:
         process = self._processes[pid]
-        if not self._is_of_script(pid) or self._processes[self._daemon].end:
+        if not self._is_of_script(pid) or self.daemon_end:
             return
         if process.not_found:
             self.not_found.append(process.not_found)

@@ -3,7 +3,9 @@
 import os
 import re
 import select
+import signal
 import time
+from contextlib import suppress
 
 from command import Stopped
 
@@ -46,22 +48,28 @@ class Watch:
         run = self._start()
         try:
             while self._take() or not ended:
-                ended = run.status is not None
+                # strace waits for what is left running.
+                ended = run.status is not None or bool(self.trace.daemon_end)
                 self._explain()
                 if timeout and time.monotonic() > self._begin + timeout:
                     stopped = f"stopped after {timeout:g} s"
                     break
         except Stopped as interruption:
             self.interrupted, stopped = interruption, str(interruption)
-        running = list(self.trace.running().values())
+        running = self.trace.running()
+        status = None if stopped else self._status(run)
         run.stop()
+        for pid in running:  # the service unit does it, too
+            with suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
         last = time.monotonic() + 1  # what cannot be confined may go on writing
         while self._take() and time.monotonic() < last:
             pass
         for descriptor in list(self._sources):
             self._close(descriptor)
         self._output.end()
-        return self._attempt(run, stopped, running)
+        left = running.values() if stopped else self.trace.left
+        return self._attempt(status, stopped, shortened(left))
 
     def shown(self) -> list[str]:
         """By the UI shell."""
@@ -136,17 +144,22 @@ class Watch:
             self._show("waiting", why)
             self._explained = why
 
-    def _attempt(self, run: Run, stopped: str, running: list[str]) -> Attempt:
+    def _status(self, run: Run) -> int:
+        """Of the daemon; a signal as a negative number."""
+        if match := re.fullmatch("status ([0-9]+)", self.trace.daemon_end):
+            return int(match[1])
+        if self.trace.daemon_end:
+            return -signal.Signals[self.trace.daemon_end]
+        status = run.wait()
+        return status if status <= SIGNALLED else SIGNALLED - status
+
+    def _attempt(self, status: int | None, stopped: str, left: list[str]) -> Attempt:
         codes = re.findall(r"showError (\d\d)", "\n".join(self.shown()))
         code = codes[-1] if codes else ""
-        status = None if stopped else run.status
-        if status is not None and status > SIGNALLED:
-            status = SIGNALLED - status
         succeeded = status == 0 and not code
         reached = bool(self.trace.script) if self._traced else succeeded or code == SCRIPT_FAILED
         return Attempt(status, code, stopped, reached, self.trace.script_end, self._wrote_stderr,
-                       shortened(self.trace.not_found), shortened(running if stopped else self.trace.left),
-                       self.trace.restarts)
+                       shortened(self.trace.not_found), left, self.trace.restarts)
 
 
 def holds(pid: int, pipe: str) -> bool:

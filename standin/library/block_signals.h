@@ -4,7 +4,7 @@
 
 namespace kbus {
 
-/// Blocks signals: a thread started meanwhile has them blocked from birth, because they are the
+/// Blocks signals: a thread started meanwhile has them blocked from the start, because they are the
 /// process's business. All but those of a fault: blocked, they would end the process without its crash
 /// dump.
 class BlockSignals {

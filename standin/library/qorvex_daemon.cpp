@@ -15,7 +15,7 @@ std::uint32_t g_qorvex_log_mask = 0x03000000;
 namespace {
 
 constexpr int refused = -1;
-constexpr mode_t ownerOnly = 0600;  // whoever may read a file may lock it, too
+constexpr mode_t ownerOnly = 0600;  // a user that may read a file may lock it, too
 
 int fail(const char* what, const char* pidFile) {
   syslog(LOG_ERR, "singleton: unable to %s %s: %s", what, pidFile, strerrordesc_np(errno));

@@ -58,7 +58,7 @@ int Download::start(const std::string& address, const std::string& destination) 
       "/usr/bin/curl", "--disable",  // reads no settings of its own; has to come first
       "--silent", "--fail", "--globoff", "--noproxy", "*",
       "--location", "--max-redirs", "10", "--proto", "=https", "--proto-redir", "=https",
-      // Without another directory of authorities it would trust what lies in the usual one as well.
+      // Without another directory of authorities it would trust those in the usual one as well.
       "--cacert", "/etc/ssl/certs/ca-certificates.crt", "--capath", "/dev/null",
       "--connect-timeout", "30", "--speed-limit", "1", "--speed-time", "30",
       "--write-out", responseFormat, "--", address.c_str(), nullptr};

@@ -50,7 +50,7 @@ class TransferService {
   Transfers transfers_;
 };
 
-// Brings a transfer's work in line with what is wanted of it.
+// Brings a transfer's work in line with its state.
 void TransferService::proceed(Transfers::iterator entry) {
   Transfer& transfer = entry->second;
   if (transfer.download) {

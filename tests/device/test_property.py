@@ -5,7 +5,6 @@ The same combinations each time, unless ZELO_SOAK_MINUTES asks for others, from 
 
 import os
 import random
-import resource
 import shutil
 import subprocess
 import time
@@ -31,9 +30,9 @@ CODES = {1: {"02", "99"}, 2: {"02", "99"}, 3: {"00"}, 4: {"01"}, 5: {"03"}}  # b
 LATE = ["archive", "bundle", "openssl", "decoder"]  # drawn more often: most rows end a run in its first stage
 SIGNERS = [("prod", "prod", False), ("prod", "prod", True), ("dev", "prod", True), ("dev", None, True),
            ("dev", "prod", False), ("prod", None, False), ("prod", "stranger", True), ("other", "prod", True)]
-LIMITS = [*[None] * 70, *((resource.RLIMIT_NOFILE, value) for value in range(3, 14)),
-          *((resource.RLIMIT_AS, value << 20) for value in range(56, 112, 4)),
-          *((resource.RLIMIT_FSIZE, value) for value in range(0, 500, 50))]
+LIMITS = [*[None] * 70, *(f"--nofile={count}" for count in range(3, 14)),
+          *(f"--as={count << 20}" for count in range(56, 112, 4)),
+          *(f"--fsize={count}" for count in range(0, 500, 50))]
 SIGNALS = [*[None] * 400, *((signum, delay) for signum in TERMINATION for delay in range(20, 220, 4))]
 
 
@@ -51,7 +50,7 @@ class Attempt(NamedTuple):
     key: str | None  # that is installed as the production key
     marker: bool
     tampered: bool
-    limit: tuple[int, int] | None
+    limit: str | None  # as prlimit takes it
     signal: tuple[int, int] | None  # and after how many milliseconds
 
     def prepare(self, device: VirtualDevice) -> None:
@@ -91,8 +90,7 @@ def files_of(device: VirtualDevice) -> set[str]:
 
 
 def outcome(device: VirtualDevice, attempt: Attempt) -> tuple[object, ...]:
-    kind, value = attempt.limit or (resource.RLIMIT_CORE, 0)
-    run = device.start(preexec_fn=lambda: resource.setrlimit(kind, (value, value)))
+    run = device.start(prefix=["/usr/bin/prlimit", attempt.limit] if attempt.limit else [])
     if attempt.signal:
         time.sleep(attempt.signal[1] / 1000)
         run.send(attempt.signal[0])

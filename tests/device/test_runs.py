@@ -4,7 +4,6 @@ import base64
 import itertools
 import json
 import os
-import resource
 import time
 
 import pytest
@@ -84,7 +83,7 @@ def test_full_tmp(device: VirtualDevice, plain_only: None) -> None:
 
 
 def start_with(memory: int, device: VirtualDevice) -> Run:
-    return device.start(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (memory, memory)))
+    return device.start(prefix=["/usr/bin/prlimit", f"--as={memory}"])
 
 
 def test_little_memory_is_no_crash(device: VirtualDevice, plain_only: None) -> None:

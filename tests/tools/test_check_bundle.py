@@ -99,6 +99,7 @@ ARCHIVES: dict[str, tuple[bytes, str | None, str]] = {
     "itself": (packed(member(".", type=tarfile.DIRTYPE, mode=0), RUN), None, "work directory to 0000"),
 
     "no script": (packed(member("d/run.sh", b"#!/bin/sh\n")), "03", "error: run.sh: No such file"),
+    "directory": (packed(member("run.sh", type=tarfile.DIRTYPE)), "03", "error: run.sh: not a regular file"),
     "link": (packed(member("r", b"#!/bin/sh -e\n"), link("run.sh", "r")), None, ""),
     "link out": (packed(link("run.sh", "/bin/sh")), None, "warning: member 'run.sh': a link to"),
     "not executable": (script(b"#!/bin/sh -e\n", 0o644), "03", "error: run.sh: not executable"),
@@ -109,7 +110,7 @@ ARCHIVES: dict[str, tuple[bytes, str | None, str]] = {
     "quoted line end": (script(b"#!/bin/sh -e\n: 'a\r\nb'\n"), None, "warning: run.sh: has lines"),
     "program": (script(Path("/bin/true").read_bytes()), None, "warning: run.sh: a program, which"),
     "no set -e": (script(b"#!/bin/sh\n# set -e\n"), None, "warning: run.sh: has no set -e"),
-    "set -eu": (script(b"#!/bin/sh\nset -eu\n"), None, ""),
+    "set -ue": (script(b"#!/bin/sh\nset -ue\n"), None, ""),
     "set -u -e": (script(b"#!/bin/sh -u\n:; set -u -e\n"), None, ""),
     "set -o errexit": (script(b"#!/bin/sh\n  set -o errexit\n"), None, ""),
 }

@@ -99,12 +99,14 @@ def open_shell(device: VirtualDevice) -> None:
     signal.signal(signal.SIGINT, lambda *_: None)  # meant for what runs in the shell
     environment = {"PATH": "/usr/sbin:/usr/bin", "TERM": os.environ.get("TERM", "dumb")}
     # On a terminal of its own, so that nothing in there can type on this one.
-    command = ["/usr/bin/script", "--quiet", "--command", shlex.join([*device.entering, "/bin/sh"]), "/dev/null"]
+    command = ["/usr/bin/script", "--quiet", "--command",
+               shlex.join([*device.entering, "/bin/sh"]), "/dev/null"]
     subprocess.run(command, env=environment, check=False)
 
 
 def keep(device: VirtualDevice) -> None:
-    kept = tempfile.mkdtemp(prefix="try-bundle.", dir="/tmp")  # closed to others: there may be set-user-ID files
+    # closed to others: there may be set-user-ID files
+    kept = tempfile.mkdtemp(prefix="try-bundle.", dir="/tmp")
     subprocess.run(["cp", "-a", device.root, kept], check=True)
     print(f"the device's files: {kept}/{device.root.name}")
 

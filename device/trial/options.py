@@ -40,7 +40,8 @@ def addition(text: str) -> dict[str, Path]:
     if not Path(here).is_dir():
         raise argparse.ArgumentTypeError(f"{text}: {here} is neither a file nor a folder")
     files = (Path(parent, name) for parent, _, names in os.walk(here, followlinks=True) for name in names)
-    targets = {os.path.join(there, path.relative_to(here)): path.resolve() for path in files if path.is_file()}
+    targets = {os.path.join(there, path.relative_to(here)): path.resolve()
+               for path in files if path.is_file()}
     return {target: path for target, path in targets.items() if not OWN.fullmatch(target)}
 
 

@@ -16,7 +16,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 if(CMAKE_CROSSCOMPILING)
   execute_process(COMMAND dpkg-architecture -t ${CMAKE_LIBRARY_ARCHITECTURE} -q DEB_HOST_ARCH
                   OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE)
-  # Which package a library there is in, dpkg-shlibdeps reads from DEBIAN/symbols and DEBIAN/shlibs of the sysroot.
+  # DEBIAN/ in the sysroot tells dpkg-shlibdeps which package a library is in.
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_SYSROOT}/lib/${CMAKE_LIBRARY_ARCHITECTURE}
                                                   ${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
 endif()

@@ -110,4 +110,3 @@ def make_null_device(path: Path) -> None:
         path.unlink(missing_ok=True)
         path.touch()
     path.chmod(0o666)
-

@@ -12,8 +12,7 @@ from command import Failure
 def run(*command: str | Path, entered: bytes = b"") -> subprocess.CompletedProcess[bytes]:
     environment = {"PATH": os.environ.get("PATH", os.defpath), "LC_ALL": "C"}
     try:
-        done = subprocess.run(command, input=entered, capture_output=True, check=False, env=environment,
-                              umask=0)
+        done = subprocess.run(command, input=entered, capture_output=True, check=False, env=environment)
     except FileNotFoundError:
         raise Failure(f"{command[0]} is not installed") from None
     if full := re.search(rb"No space left on device|Disk quota exceeded", done.stderr):

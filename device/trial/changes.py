@@ -79,4 +79,3 @@ def _digest(path: Path) -> str:
             return hashlib.file_digest(file, "sha256").hexdigest()
     except PermissionError:
         return "not readable"
-

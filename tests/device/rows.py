@@ -118,4 +118,3 @@ STARTS = [
     fatal("neither /tmp nor bus", both(lambda d: d.path("/tmp").rmdir(), lambda d: d.path("/run/kbus.sock").unlink()),
           0, "unable to create temp directory. errno 2"),
 ]
-

@@ -10,7 +10,8 @@ from pathlib import Path
 
 import pytest
 
-from device.cases import (INSTALLED, METADATA_FAILED, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, Change,
+from device.bundles import INSTALLED
+from device.cases import (METADATA_FAILED, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, Change,
                           answer, both, going_down, nothing, own_lines, script, setting, shown)
 from device.gate import Gate, until
 from device.https_server import Content, Status
@@ -129,7 +130,7 @@ def test_stuck_log_receiver(device: VirtualDevice, gate: Gate, moment: Moment | 
 
 
 @pytest.mark.usefixtures("plain_only")
-@pytest.mark.parametrize("signum", [signal.SIGSEGV, signal.SIGABRT], ids=lambda signum: signum.name)
+@pytest.mark.parametrize("signum", [signal.SIGSEGV, signal.SIGABRT], ids=["SIGSEGV", "SIGABRT"])
 def test_crash_leaves_its_dump(device: VirtualDevice, signum: signal.Signals) -> None:
     script(f"kill -{int(signum)} $PPID")(device)
     run = device.start()

@@ -21,6 +21,7 @@ SIGNER = "openssl dgst -sha256 -sign key -passin env:WORD"
 def here(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     """A directory with a source directory and an encrypted key, and the passphrase in a file and in WORD."""
     monkeypatch.chdir(tmp_path)
+    Path("zelo-make-bundle").symlink_to(TOOL)
     monkeypatch.setenv("WORD", "word")
     Path("source/data").mkdir(parents=True)
     Path("source/data/file").write_text("content")
@@ -37,7 +38,7 @@ def shell(command: str) -> None:
 
 def make(*options: str, **popen: Any) -> subprocess.CompletedProcess[str]:
     signer = [] if {"--key", "--sign-command"} & {*options} else ["--key", "key", "--passphrase-file", "word"]
-    command: list[str | Path] = [TOOL, "--url", "https://a.example/b", "--output", "new/output", *signer]
+    command = ["./zelo-make-bundle", "--url", "https://a.example/b", "--output", "new/output", *signer]
     streams: dict[str, Any] = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **popen}
     # Without a terminal, which a passphrase could be asked on.
     return subprocess.run([*command, *options, "source"], text=True, check=False, timeout=60,
@@ -72,6 +73,7 @@ def test_makes_a_bundle() -> None:
 def test_makes_the_same_archive_again() -> None:
     make()
     made = ARCHIVE.read_bytes()
+    assert made[4:8] == bytes(4)  # no time in gzip's header
     os.utime("source/run.sh", (1, 1))
     assert make().returncode == 0
     assert ARCHIVE.read_bytes() == made
@@ -85,9 +87,7 @@ REFUSED = {
     "its key": ("cp key source/data/x", (), 1, "error: member 'data/x': holds a private key"),
     "its key, no PEM": ("openssl pkey -in key -passin file:word -outform DER -out der; cp der source",
                         ("--key", "der"), 1, "error: member 'der': holds a private key"),
-    "no source": ("rm -r source", (), 1, "source: No such file or directory"),
     "output inside": ("ln -s source o", ("--output", "o/new"), 1, "o/new: is inside SOURCE_DIR"),
-    "no key": ("", ("--key", "word"), 1, "not a private key"),
     "empty key": ("", ("--key", "/dev/null"), 1, "not a private key"),
     "public key": ("", ("--key", "key.pub"), 1, "key.pub: a public key; a private one is needed"),
     "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), 1, "cannot use ED25519 keys"),
@@ -95,9 +95,6 @@ REFUSED = {
     "bad passphrase": ("", ("--passphrase-file", "key.pub"), 1, "the passphrase is wrong"),
     "empty passphrase": ("echo >empty", ("--passphrase-file", "empty"), 1, "empty: the first line is empty"),
     "other key": ("openssl genrsa | openssl rsa -pubout -out o", ("--public-key", "o"), 1, "does not verify"),
-    "other command": ("openssl genrsa | openssl rsa -pubout -out o",
-                      ("--sign-command", SIGNER, "--public-key", "o"), 1, "does not verify"),
-    "no program": ("", ("--sign-command", "./none", "--no-verify"), 1, "./none: No such file or directory"),
     "command fails": ("", ("--sign-command", "false", "--no-verify"), 1, "false ended with status 1"),
     "command killed": ("", ("--sign-command", "sh -c 'kill -KILL $$'", "--no-verify"), 1,
                        "sh was killed by SIGKILL"),
@@ -119,7 +116,7 @@ def test_refuses_and_leaves_nothing(first: str, options: tuple[str, ...], status
     assert done.returncode == status
     assert done.stdout == ""
     assert reason in done.stderr.splitlines()[-1]
-    assert done.stderr.splitlines()[-1].startswith("make-bundle: ")
+    assert done.stderr.splitlines()[-1].startswith("zelo-make-bundle: ")
     assert sorted(Path().rglob("*")) == before
 
 
@@ -139,14 +136,14 @@ def test_warns() -> None:
     done = make("--url", "https://a.example/ä")
     assert done.returncode == 0
     assert done.stderr.splitlines() == [
-        "make-bundle: warning: address https://a.example/ä: contains non-ASCII characters",
-        "make-bundle: warning: a weak key, only 1024 bits long"]
+        "zelo-make-bundle: warning: address https://a.example/ä: contains non-ASCII characters",
+        "zelo-make-bundle: warning: a weak key, only 1024 bits long"]
 
 
 def test_leaves_nothing_after_a_signal() -> None:
     before = sorted(Path().rglob("*"))
     done = make("--sign-command", "sh -c 'kill -HUP $PPID; exec sleep 5'", "--no-verify")
-    assert (done.returncode, done.stderr) == (-signal.SIGHUP, "make-bundle: stopped by SIGHUP\n")
+    assert (done.returncode, done.stderr) == (-signal.SIGHUP, "zelo-make-bundle: stopped by SIGHUP\n")
     assert sorted(Path().rglob("*")) == before
 
 
@@ -171,5 +168,13 @@ def test_any_file_name_and_closed_descriptors() -> None:
     assert subprocess.call([*closing, *command], timeout=60) == 0
 
 
-def test_names_the_program_that_is_missing() -> None:
-    assert make(env={"PATH": "/missing"}).stderr == "make-bundle: tar is not installed\n"
+@pytest.mark.parametrize("tar, says", [
+    ("echo 'x: No space left on device' >&2; exit 2", "tar: No space left on device"),
+    ("kill -KILL $$", "tar was killed by SIGKILL"),
+    (None, "tar is not installed")])
+def test_tar_cannot_do_its_work(tar: str | None, says: str) -> None:
+    Path("bin").mkdir()
+    if tar:
+        Path("bin/tar").write_text(f"#!/bin/sh\n{tar}\n")
+        Path("bin/tar").chmod(0o755)
+    assert make(env={"PATH": "bin"}).stderr == f"zelo-make-bundle: {says}\n"

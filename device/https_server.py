@@ -83,11 +83,10 @@ class Drop:
     """Begins a body and closes the connection in the middle of it; at once when nothing is begun. The
     closing is not TLS's own, which would say that nothing is missing."""
     begun: bytes = b""
-    with_length: bool = True
 
     def send(self, handler: "Handler") -> None:
         if self.begun:
-            handler.send_head(200, {"Content-Length": len(self.begun) + 1} if self.with_length else {})
+            handler.send_head(200, {"Content-Length": len(self.begun) + 1})
             handler.wfile.write(self.begun)
         handler.close_connection = True
 

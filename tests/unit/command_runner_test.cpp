@@ -6,12 +6,10 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <iterator>
-#include <thread>
 
 #include "tests/unit/in_child.h"
 #include "utils/command_runner.h"
@@ -145,18 +143,6 @@ TEST(CommandRunner, WorksAndFailsInOddProcesses) {
     });
     EXPECT_EQ(said, (Texts{row.outcome, "exit 0"})) << row.name;
   }
-}
-
-TEST(CommandRunner, NoProgramGetsWhatAnotherThreadOpens) {
-  std::atomic<bool> over{false};
-  std::thread library([&] {
-    while (!over) close(open("/dev/null", O_RDONLY));
-  });
-  std::string seen = three;
-  for (int i = 0; i < 100 && seen == three; ++i) seen = runCommand(listDescriptors);
-  over = true;
-  library.join();
-  EXPECT_EQ(seen, three);
 }
 
 TEST(InheritedState, OnlyWhatTheDaemonCannotWorkWithIsRepaired) {

@@ -4,7 +4,6 @@ import os
 import shlex
 import signal
 import subprocess
-import sys
 import tempfile
 from argparse import Namespace
 from collections.abc import Iterable

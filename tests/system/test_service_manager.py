@@ -90,16 +90,3 @@ def test_stop_lets_the_script_end(device: SystemdDevice) -> None:
     for when, left in ("--clean", "zeloinstall.*/*"), ("--remove --boot", "zeloinstall.*"):
         device.run("systemd-tmpfiles", *when.split(), "zeloinstall.conf")
         assert not list(device.path("/tmp").glob(left))
-
-
-def test_stop_has_an_end(device: SystemdDevice) -> None:
-    device.write("/run/systemd/system/zeloinstall.service.d/short.conf", "[Service]\nTimeoutStopSec=2s\n")
-    device.run("systemctl", "daemon-reload")
-    device.publish("touch /tmp/waiting; exec sleep 1000")
-    device.start("--no-block")
-    wait_for(device.path("/tmp/waiting").exists)
-    device.run("systemctl", "stop", "zeloinstall")
-    assert device.state() == ["failed", "timeout"] and not device.run("pgrep", "sleep", status=1)
-    device.publish("touch /tmp/again")
-    device.start()
-    assert device.path("/tmp/again").exists()

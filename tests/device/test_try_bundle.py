@@ -13,6 +13,7 @@ from device import rootfs
 from device.bundles import pack
 from device.keys import Keys
 
+pytestmark = pytest.mark.usefixtures("plain_only")  # sanitizers and emulators do not run under a tracer
 ROOT = Path(__file__).resolve().parents[2]
 COMMAND = [sys.executable, "-m", "device.commands", "try-bundle"]
 DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before it comes to its script"

@@ -21,7 +21,7 @@ from device.trial.changes import differences, entries
 from device.trial.lines import printable, shortened
 from device.trial.options import parse_arguments
 from device.trial.publishing import publish
-from device.trial.system import BUSYBOX, System, furnish, one_user
+from device.trial.system import BUSYBOX, System, copy_tree, furnish, one_user
 from device.trial.verdict import Attempt, judge
 from device.trial.watch import Watch
 from device.virtual_device import VirtualDevice
@@ -109,8 +109,8 @@ def open_shell(device: VirtualDevice) -> None:
 def keep(device: VirtualDevice) -> None:
     # Closed to others, because there may be set-user-ID files in it.
     kept = tempfile.mkdtemp(prefix="try-bundle.", dir="/tmp")
-    subprocess.run(["cp", "-a", device.root, kept], check=True)
-    print(f"the device's files: {kept}/{device.root.name}")
+    copy_tree(device.root, Path(kept))
+    print(f"the device's files: {kept}")
 
 
 def confined(unconfined: bool) -> bool:

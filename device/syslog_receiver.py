@@ -11,6 +11,7 @@ from pathlib import Path
 
 from device import PATIENCE
 
+LEVELS = {3: "err", 4: "warning", 5: "notice"}  # the names of those that the daemon uses
 DATAGRAM = re.compile(r"<(\d+)>\w{3} [ \d]\d [\d:]{8} ([^\[:]*)(?:\[(\d+)\])?: (.*)", re.DOTALL)
 
 

@@ -168,7 +168,6 @@ struct Outcome {
   output.writeEnd.close();
   launch.writeEnd.close();
   const int launchError = awaitLaunch(launch.readEnd.get());
-  launch.readEnd.close();
   wait.programRuns();
   std::string text = readToEnd(output.readEnd.get());
   return {launchError, std::move(text), child.wait()};

@@ -4,7 +4,6 @@ import os
 import shlex
 import signal
 import subprocess
-import sys
 import tempfile
 from argparse import Namespace
 from collections.abc import Iterable
@@ -15,6 +14,7 @@ from pathlib import Path
 from command import Stopped
 
 from device import alone, services
+from device.cases import RETRIES, TIMEOUT
 from device.https_server import HOST
 from device.keys import Keys
 from device.trial import confinement, trace
@@ -22,13 +22,10 @@ from device.trial.changes import differences, entries
 from device.trial.lines import printable, shortened
 from device.trial.options import parse_arguments
 from device.trial.publishing import publish
-from device.trial.system import BUSYBOX, System, furnish, one_user
+from device.trial.system import BUSYBOX, System, copy_tree, furnish, one_user
 from device.trial.verdict import Attempt, judge
 from device.trial.watch import Watch
 from device.virtual_device import VirtualDevice
-
-TIMEOUT = "zelo.installer.download.timeout.seconds"
-RETRIES = "zelo.installer.download.retries"
 
 
 def show(title: str, lines: Iterable[str]) -> None:
@@ -110,8 +107,8 @@ def open_shell(device: VirtualDevice) -> None:
 def keep(device: VirtualDevice) -> None:
     # Closed to others, because there may be set-user-ID files in it.
     kept = tempfile.mkdtemp(prefix="try-bundle.", dir="/tmp")
-    subprocess.run(["cp", "-a", device.root, kept], check=True)
-    print(f"the device's files: {kept}/{device.root.name}")
+    copy_tree(device.root, Path(kept))
+    print(f"the device's files: {kept}")
 
 
 def confined(unconfined: bool) -> bool:

@@ -10,13 +10,12 @@ from contextlib import suppress
 from command import Stopped
 
 from device.run import Run
-from device.syslog_receiver import LogLine
+from device.syslog_receiver import LEVELS, LogLine
 from device.trial.lines import Lines, printable, shortened
 from device.trial.trace import STRACE, Trace
 from device.trial.verdict import Attempt
 from device.virtual_device import VirtualDevice
 
-LEVELS = {3: "err", 4: "warning", 5: "notice"}
 STAGE = re.compile(":main:[A-Z][a-z]+ing ")
 NOT_FOUND = re.compile(r": ([^: ]+): (?:command )?not found$")
 LAST_STAGE = ":main:Running installer"
@@ -58,7 +57,7 @@ class Watch:
             self.interrupted, stopped = interruption, str(interruption)
         running = self.trace.running()
         status = None if stopped else self._status(run)
-        run.stop()
+        run.kill()
         for pid in running:  # the service unit does it, too
             with suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)

@@ -9,10 +9,12 @@ from pathlib import Path
 
 import pytest
 
-from booted_root import CannotBoot, wait_for
+from booted_root import CannotBoot
 from device.cases import END, STAGES
+from device.gate import until
 from device.https_server import Status
-from systemd_device import AUTHOR, DOCUMENT, SystemdDevice, running_device
+from device.virtual_device import DOCUMENT
+from systemd_device import AUTHOR, SystemdDevice, running_device
 
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("ZELO_BUILD_DIR", ROOT / "build" / "release"))
@@ -68,7 +70,7 @@ def test_failure_and_crash_look_different(device: SystemdDevice) -> None:
 def test_stop_lets_the_script_end(device: SystemdDevice) -> None:
     device.publish(SLOW_SCRIPT)
     device.start("--no-block")
-    wait_for(device.path("/tmp/begun").exists)
+    until(device.path("/tmp/begun").exists)
     running = device.path("/tmp/begun").read_text().strip()
     device.run("zeloinstall", status=1)  # a second one, which changes nothing
     tmpfiles = device.path("/usr/lib/tmpfiles.d/zeloinstall.conf")
@@ -84,22 +86,9 @@ def test_stop_lets_the_script_end(device: SystemdDevice) -> None:
     time.sleep(1)
     assert device.state("ActiveState", "TimeoutStopUSec") == ["deactivating", "15min"]
     device.write("/tmp/go", "")
-    wait_for(lambda: device.state() == ["inactive", "success"])
+    until(lambda: device.state() == ["inactive", "success"])
     assert device.path("/tmp/whole").exists()
     time.sleep(1.5)
     for when, left in ("--clean", "zeloinstall.*/*"), ("--remove --boot", "zeloinstall.*"):
         device.run("systemd-tmpfiles", *when.split(), "zeloinstall.conf")
         assert not list(device.path("/tmp").glob(left))
-
-
-def test_stop_has_an_end(device: SystemdDevice) -> None:
-    device.write("/run/systemd/system/zeloinstall.service.d/short.conf", "[Service]\nTimeoutStopSec=2s\n")
-    device.run("systemctl", "daemon-reload")
-    device.publish("touch /tmp/waiting; exec sleep 1000")
-    device.start("--no-block")
-    wait_for(device.path("/tmp/waiting").exists)
-    device.run("systemctl", "stop", "zeloinstall")
-    assert device.state() == ["failed", "timeout"] and not device.run("pgrep", "sleep", status=1)
-    device.publish("touch /tmp/again")
-    device.start()
-    assert device.path("/tmp/again").exists()

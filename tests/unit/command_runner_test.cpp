@@ -145,30 +145,4 @@ TEST(CommandRunner, WorksAndFailsInOddProcesses) {
   }
 }
 
-TEST(InheritedState, OnlyWhatTheDaemonCannotWorkWithIsRepaired) {
-  const Texts said = inChild([] {
-    for (int fd = 0; fd < 3; ++fd) close(fd);
-    for (const int signum : {SIGHUP, SIGUSR1}) signal(signum, SIG_IGN);
-    sigset_t all;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, nullptr);
-    alarm(1000);
-    zelo::repairInheritedState();
-    raise(SIGPIPE);
-    raise(SIGXFSZ);
-    if (alarm(30) < 900) say("the timer is gone");
-    if (getenv("PATH") == nullptr) say("the environment is gone");
-    (void)runCommand(shell("echo >&0 && echo >&2"));
-    say(runCommand({"/bin/grep", "-E", "Sig(Blk|Ign)", "/proc/self/status"}));  // shells unblock signals
-  });
-  const std::string hangupAndUser1 = "0000000000000201";
-  EXPECT_EQ(said, (Texts{"SigBlk:\t0000000000000000\nSigIgn:\t" + hangupAndUser1 + "\n", "exit 0"}));
-  const Texts failed = inChild([] {
-    close(0);
-    limit(RLIMIT_NOFILE, 0);
-    say(failureOf(zelo::repairInheritedState));
-  });
-  EXPECT_EQ(failed, (Texts{"unable to open /dev/null", "exit 0"}));
-}
-
 }  // namespace

@@ -13,8 +13,6 @@ from device.https_server import Content, Status
 from device.run import Run
 from device.virtual_device import ARCHIVE, VirtualDevice
 
-LEVELS = {3: "err", 4: "warning", 5: "notice"}
-
 
 def plain_http(device: VirtualDevice) -> None:
     device.publish(device.published.with_url(device.url(ARCHIVE).replace("https:", "http:")))
@@ -77,7 +75,7 @@ CASES = (
 def show(case: Case, device: VirtualDevice, runs: list[Run]) -> None:
     print(f"=== {case.name}\npublished:   {case.published}\nlog:")
     for line in device.syslog.lines():
-        print(f"  {LEVELS.get(line.priority & 7, line.priority):<7}  {line.ident}[{line.pid}]: {line.text}")
+        print(f"  {line.level:<7}  {line.ident}[{line.pid}]: {line.text}")
     for text in (line for run in runs for line in run.output().splitlines()):
         print(f"standard error: {text}")
     print(f"exit status: {', '.join(str(run.status) for run in runs)}")

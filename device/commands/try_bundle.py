@@ -14,6 +14,7 @@ from pathlib import Path
 from command import Stopped
 
 from device import alone, services
+from device.cases import RETRIES, TIMEOUT
 from device.https_server import HOST
 from device.keys import Keys
 from device.trial import confinement, trace
@@ -25,9 +26,6 @@ from device.trial.system import BUSYBOX, System, copy_tree, furnish, one_user
 from device.trial.verdict import Attempt, judge
 from device.trial.watch import Watch
 from device.virtual_device import VirtualDevice
-
-TIMEOUT = "zelo.installer.download.timeout.seconds"
-RETRIES = "zelo.installer.download.retries"
 
 
 def show(title: str, lines: Iterable[str]) -> None:

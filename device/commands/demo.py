@@ -76,7 +76,7 @@ CASES = (
 def show(case: Case, device: VirtualDevice, runs: list[Run]) -> None:
     print(f"=== {case.name}\npublished:   {case.published}\nlog:")
     for line in device.syslog.lines():
-        print(f"  {LEVELS.get(line.priority & 7, line.priority):<7}  {line.ident}[{line.pid}]: {line.text}")
+        print(f"  {line.level:<7}  {line.ident}[{line.pid}]: {line.text}")
     for text in (line for run in runs for line in run.output().splitlines()):
         print(f"standard error: {text}")
     print(f"exit status: {', '.join(str(run.status) for run in runs)}")

@@ -18,7 +18,8 @@ def impossible() -> str:
     if not alone.confined():
         return "namespaces are refused here"
     command = ["/usr/bin/unshare", "--user", "--net", "--ipc", "--uts", "--mount", "/bin/true"]
-    return subprocess.run(command, capture_output=True, text=True, check=False).stderr.strip()
+    refusal = subprocess.run(command, capture_output=True, text=True, check=False).stderr.strip()
+    return refusal and f"user namespaces are refused here, {refusal}"
 
 
 def leave_network() -> None:

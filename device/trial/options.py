@@ -85,6 +85,7 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
     parser.add_argument("--strict", action="store_true", help="'installed, but' also has exit status 1")
     parser.add_argument("--unconfined", action="store_true",
                         help="run the bundle even where run.sh can reach this machine")
+    parser.add_argument("--no-install", action="store_true", help="do not install packages that are missing")
     parser.add_argument("--keep", action="store_true", help="keep a copy of the device's files")
     parser.add_argument("--shell", action="store_true", help="start a shell on the device after the attempts")
     arguments = parser.parse_args()

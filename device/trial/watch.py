@@ -112,9 +112,8 @@ class Watch:
 
     def _take_log(self, line: LogLine) -> None:
         self._last_stage |= line.text.endswith(LAST_STAGE)
-        level = LEVELS.get(line.priority & 7, str(line.priority))
         process = f"[{line.pid}]" if line.pid else ""
-        self._show(level, f"{line.ident}{process}: {line.text}")
+        self._show(line.level, f"{line.ident}{process}: {line.text}")
 
     def _take_stderr(self, line: str) -> None:
         self._wrote_stderr = True

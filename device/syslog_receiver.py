@@ -11,7 +11,7 @@ from pathlib import Path
 
 from device import PATIENCE
 
-LEVELS = {3: "err", 4: "warning", 5: "notice"}  # the names of those that the daemon uses
+LEVELS = {3: "err", 4: "warning", 5: "notice"}
 DATAGRAM = re.compile(r"<(\d+)>\w{3} [ \d]\d [\d:]{8} ([^\[:]*)(?:\[(\d+)\])?: (.*)", re.DOTALL)
 
 
@@ -23,6 +23,10 @@ class LogLine:
     pid: int | None
     text: str
     arrived: float = field(default_factory=time.monotonic)
+
+    @property
+    def level(self) -> str:
+        return LEVELS.get(self.priority & 7, str(self.priority))
 
     @classmethod
     def parse(cls, raw: bytes) -> "LogLine":

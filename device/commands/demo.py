@@ -11,7 +11,6 @@ from device.cases import (ANOTHER, BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADA
 from device.gate import Gate
 from device.https_server import Content, Status
 from device.run import Run
-from device.syslog_receiver import LEVELS
 from device.virtual_device import ARCHIVE, VirtualDevice
 
 

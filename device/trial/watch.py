@@ -10,7 +10,7 @@ from contextlib import suppress
 from command import Stopped
 
 from device.run import Run
-from device.syslog_receiver import LEVELS, LogLine
+from device.syslog_receiver import LogLine
 from device.trial.lines import Lines, printable, shortened
 from device.trial.trace import STRACE, Trace
 from device.trial.verdict import Attempt

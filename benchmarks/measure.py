@@ -71,14 +71,14 @@ def one_round(device: VirtualDevice, number: int) -> tuple[float, float, float, 
 
 def main() -> None:
     parser = argparse.ArgumentParser(prog="bench", description=__doc__)
-    parser.add_argument("build", type=Path, help="build directory of the daemon")
     parser.add_argument("--rounds", type=int, default=9, metavar="N", help="default: %(default)s")
     options = parser.parse_args()
     if options.rounds < 1:
         parser.error("--rounds: at least 1")
-    files = {FLOOR: options.build / "benchmarks/bench-floor", BY_HAND: Path(__file__).with_name("by_hand.sh")}
+    build = Path(os.environ["ZELO_BUILD_DIR"])
+    files = {FLOOR: build / "benchmarks/bench-floor", BY_HAND: Path(__file__).with_name("by_hand.sh")}
     print(HEADER)
-    with VirtualDevice(options.build, files) as device:
+    with VirtualDevice(build, files) as device:
         for size in (1, 64, 256):
             payload = os.urandom(size * 1_000_000)
             device.publish(device.make_bundle(script=SCRIPT, files={"payload": payload}))

@@ -85,7 +85,7 @@ void replaceUnreadStandardError() {
     execve(arguments[0], arguments, environment);
   }
   const int error = errno;
-  [[maybe_unused]] const ssize_t written = write(kept, &error, sizeof error);
+  [[maybe_unused]] const ssize_t written = write(kept >= 0 ? kept : launch, &error, sizeof error);
   _exit(EXIT_FAILURE);
 }
 

@@ -17,7 +17,7 @@ namespace zelo {
 /// For the main thread. Returns, unless a termination signal has been noted: then it waits for the end.
 void passGate() noexcept;
 
-/// The main thread waits for as long as one of these lives. Neither the constructor nor the destructor
+/// The main thread waits for as long as one of these lives, except while a program is being started. Neither the constructor nor the destructor
 /// returns once a termination signal has been noted.
 class Wait {
  public:

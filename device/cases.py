@@ -66,7 +66,7 @@ def script_runs(device: VirtualDevice) -> int:
     return file.read_text().count("installed\n") if file.exists() else 0
 
 
-def shown(device: VirtualDevice) -> list[str]:
+def told_user(device: VirtualDevice) -> list[str]:
     return [line.split(": ")[1] for line in device.shell_lines()]
 
 
@@ -87,7 +87,7 @@ def nothing(device: VirtualDevice) -> None:
     pass
 
 
-def both(*changes: Change) -> Change:
+def together(*changes: Change) -> Change:
     return lambda d: [change(d) for change in changes]
 
 
@@ -177,7 +177,7 @@ class Case:
         found = {
             "exit status": (tuple(run.status for run in runs), self.statuses),
             "log": (own_lines(device), self.lines),
-            "UI shell": (tuple(shown(device)), self.shown),
+            "UI shell": (tuple(told_user(device)), self.shown),
             "runs of the script": (script_runs(device), self.script_runs),
         }
         return [f"{what}: {got}\n  instead of {wanted}" for what, (got, wanted) in found.items()

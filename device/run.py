@@ -27,7 +27,7 @@ class Run:
     def send(self, signum: int) -> None:
         self._process.send_signal(signum)
 
-    def stop(self) -> None:
+    def kill(self) -> None:
         self._process.send_signal(signal.SIGKILL)
         self._process.wait()
 

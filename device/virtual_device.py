@@ -174,7 +174,7 @@ class VirtualDevice:
                      "start_new_session": True, **popen}
             process = subprocess.Popen(command, env=dict(env or {}), cwd=self._base, **popen)
         run = Run(process, output, self.syslog)
-        self._runs.callback(run.stop)
+        self._runs.callback(run.kill)
         return run
 
     def popen(self, command: Sequence[str], **popen: Any) -> subprocess.Popen[bytes]:

@@ -21,7 +21,7 @@ constexpr const char* signatureFileName = "zelo_installer.tar.gz.sig";
 
 }  // namespace
 
-ZeloInstallerBundleMetadata::ZeloInstallerBundleMetadata() : ZeloInstallerBundleMetadata(download()) {}
+ZeloInstallerBundleMetadata::ZeloInstallerBundleMetadata() : ZeloInstallerBundleMetadata(fetch()) {}
 
 ZeloInstallerBundleMetadata::ZeloInstallerBundleMetadata(const std::string& bundleUrl,
                                                          const std::string& signatureFile)
@@ -33,7 +33,7 @@ std::string ZeloInstallerBundleMetadata::buildMetadataUrl() {
   return expandAddressTemplate(getConfigValue(METADATA_URL_KEY), version, packageName);
 }
 
-ZeloInstallerBundleMetadata ZeloInstallerBundleMetadata::download() {
+ZeloInstallerBundleMetadata ZeloInstallerBundleMetadata::fetch() {
   const DownloadLimits limits = readDownloadLimits();
   const std::string documentPath = joinPath(g_work_directory, documentFileName);
   const std::string metadataUrl = buildMetadataUrl();

@@ -28,7 +28,7 @@ class ZeloInstallerBundleMetadata {
 
  private:
   [[nodiscard]] static std::string buildMetadataUrl();
-  [[nodiscard]] static ZeloInstallerBundleMetadata download();
+  [[nodiscard]] static ZeloInstallerBundleMetadata fetch();
   [[nodiscard]] static ZeloInstallerBundleMetadata attempt(const std::string& metadataUrl,
                                                            const std::string& documentPath,
                                                            int timeoutSeconds);

@@ -6,7 +6,7 @@ from pathlib import Path
 
 from device.bundles import RECORD
 from device.cases import (ANOTHER, BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
-                          RETRIES, STAGES, TEMPLATE, Case, both, failing, good, marker, nothing,
+                          RETRIES, STAGES, TEMPLATE, Case, together, failing, good, marker, nothing,
                           raw_archive, ready_device, script, setting, signed, tampered)
 from device.gate import Gate
 from device.https_server import Content, Status
@@ -44,7 +44,7 @@ def start_twice(device: VirtualDevice) -> list[Run]:
 
 CASES = (
     good("good", nothing, published="a bundle signed with the production key"),
-    failing("unreachable", both(setting(TEMPLATE, NOBODY), setting(RETRIES, "1")), 1, LOST, "02",
+    failing("unreachable", together(setting(TEMPLATE, NOBODY), setting(RETRIES, "1")), 1, LOST, "02",
             *[METADATA_FAILED + LOST] * 2,
             published="nothing: nobody listens at the configured address; one retry"),
     failing("address-refused", plain_http, 1, "http/loopback address not allowed", "02",
@@ -53,7 +53,7 @@ CASES = (
             published="a bundle with one bit changed after it was signed"),
     failing("development-key", signed("dev"), 3, NO_COMMAND, "00",
             published="a bundle signed with the development key, for an ordinary device"),
-    good("debugging-marker", both(signed("dev"), marker),
+    good("debugging-marker", together(signed("dev"), marker),
          published="a bundle signed with the development key, for a device with debugging features"),
     good("debugging-marker-production", marker, DEV_REFUSED + NO_COMMAND,
          published="a bundle signed with the production key, for a device with debugging features"),

@@ -9,10 +9,10 @@ from pathlib import Path
 from bundle_rules import Report, check_document
 
 from device.bundles import TOOL, Bundle, pack
+from device.cases import PROD
 from device.virtual_device import ARCHIVE, VirtualDevice
 
 CHECKER = TOOL.with_name("check-bundle")
-KEY = "/etc/zelo/pubkeyprod.pem"
 
 
 def publish(device: VirtualDevice, arguments: Namespace) -> None:
@@ -25,7 +25,7 @@ def publish(device: VirtualDevice, arguments: Namespace) -> None:
         device.publish(device.sign(archive))
         print("re-signed with a new key, which is on the device; your document is not used")
         return
-    device.write(KEY, arguments.key.read_bytes())
+    device.write(PROD, arguments.key.read_bytes())
     bundle = Bundle(archive, document)
     check = [CHECKER, *arguments.bundle, arguments.key]
     checked = subprocess.run(check, stdout=subprocess.PIPE, check=False).stdout

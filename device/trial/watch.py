@@ -58,7 +58,7 @@ class Watch:
             self.interrupted, stopped = interruption, str(interruption)
         running = self.trace.running()
         status = None if stopped else self._status(run)
-        run.stop()
+        run.kill()
         for pid in running:  # the service unit does it, too
             with suppress(ProcessLookupError):
                 os.kill(pid, signal.SIGKILL)

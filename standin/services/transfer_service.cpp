@@ -7,7 +7,7 @@
 
 #include "platform/xfr.h"
 #include "standin/services/bus_service.h"
-#include "standin/services/download.h"
+#include "standin/services/fetch.h"
 #include "standin/transfer_interface.h"
 
 namespace {
@@ -21,7 +21,7 @@ void answer(GDBusMethodInvocation* call) {
 struct Transfer {
   std::string address;
   std::string destination;
-  std::unique_ptr<Download> download;  // while curl runs
+  std::unique_ptr<Fetch> fetch;  // while curl runs
   bool finished = false;
   GDBusMethodInvocation* finishing = nullptr;  // the call that is answered when curl has ended
 };
@@ -53,9 +53,9 @@ class TransferService {
 // Brings a transfer's work in line with its state.
 void TransferService::proceed(Transfers::iterator entry) {
   Transfer& transfer = entry->second;
-  if (transfer.download) {
+  if (transfer.fetch) {
     // Comes back here when curl has ended.
-    if (transfer.finished || deferredCode_ != 0) transfer.download->stop();
+    if (transfer.finished || deferredCode_ != 0) transfer.fetch->stop();
   } else if (transfer.finished) {
     if (transfer.finishing != nullptr) answer(transfer.finishing);
     transfers_.erase(entry);
@@ -68,16 +68,16 @@ void TransferService::proceed(Transfers::iterator entry) {
 
 void TransferService::start(Transfers::iterator entry) {
   Transfer& transfer = entry->second;
-  transfer.download = std::make_unique<Download>([this, entry](int result) { end(entry, result); });
+  transfer.fetch = std::make_unique<Fetch>([this, entry](int result) { end(entry, result); });
   report(entry, transferring, 0);
-  const int result = transfer.download->start(transfer.address, transfer.destination);
-  if (result != Download::whole) end(entry, result);
+  const int result = transfer.fetch->start(transfer.address, transfer.destination);
+  if (result != Fetch::whole) end(entry, result);
 }
 
 void TransferService::end(Transfers::iterator entry, int result) {
-  entry->second.download.reset();
-  if (result == Download::stopped) return proceed(entry);
-  report(entry, result == Download::whole ? xfr::downloadCompleted : xfr::transferFailed, result);
+  entry->second.fetch.reset();
+  if (result == Fetch::stopped) return proceed(entry);
+  report(entry, result == Fetch::whole ? xfr::downloadCompleted : xfr::transferFailed, result);
   transfers_.erase(entry);
 }
 

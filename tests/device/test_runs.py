@@ -16,7 +16,7 @@ from device.https_server import Content, Drop, Redirect, Status
 from device.run import Run
 from device.virtual_device import ARCHIVE, DOCUMENT, PID_FILE, VirtualDevice
 
-from rows import KINDS, SIGNATURES, STARTS
+from fault_cases import KINDS, SIGNATURES, STARTS
 
 PASS_TIME = "i=0; while [ $i -lt 300000 ]; do i=$((i + 1)); done"
 CASES = [*demo.CASES, *itertools.chain(*KINDS.values()), *SIGNATURES, *STARTS]

@@ -12,7 +12,7 @@ import pytest
 
 from device.bundles import INSTALLED
 from device.cases import (METADATA_FAILED, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, Change,
-                          answer, both, going_down, nothing, own_lines, script, setting, shown)
+                          answer, together, going_down, nothing, own_lines, script, setting, told_user)
 from device.gate import Gate, until
 from device.https_server import Content, Status
 from device.run import Run
@@ -61,7 +61,7 @@ class Moment:
 
 STALLED, RUN_SH = Moment(DOCUMENT, 1, 1), Moment("run.sh", 5, 2)
 MOMENTS = [
-    STALLED, Moment("pause", 1, 2, both(setting(RETRIES, "9"), answer(DOCUMENT, Status(503)))),
+    STALLED, Moment("pause", 1, 2, together(setting(RETRIES, "9"), answer(DOCUMENT, Status(503)))),
     Moment(ARCHIVE, 2, 2), Moment("/bin/base64", 3, 2), Moment("/usr/bin/openssl", 3, 2),
     Moment("/bin/tar", 4, 2), RUN_SH,
     Moment(SET_PROP, 1, 0, setting(TEMPLATE, None), ("load = zelo",)),
@@ -79,7 +79,7 @@ def test_each_signal(device: VirtualDevice, gate: Gate, moment: Moment) -> None:
     moment.prepare(device, gate)
     for signum in TERMINATION:
         device.path(INSTALLED).unlink(missing_ok=True)
-        before = len(shown(device))
+        before = len(told_user(device))
         run, program = moment.reach(device, gate)
         if signum == signal.SIGINT:  # from the keyboard, which also ends the program
             os.killpg(run.pid, signum)
@@ -104,7 +104,7 @@ def test_each_signal(device: VirtualDevice, gate: Gate, moment: Moment) -> None:
         assert [line for line in lines if line in STAGES] == STAGES[:moment.stages], lines
         assert [line for line in lines if "signum" in line] == lines[-1:] == [going_down(signum)], lines
         ended = program and signum == signal.SIGINT
-        assert tuple(shown(device)[before:]) == (moment.shown[:-1] if ended else moment.shown)
+        assert tuple(told_user(device)[before:]) == (moment.shown[:-1] if ended else moment.shown)
         assert device.path(INSTALLED).exists() == (moment is RUN_SH and not ended)
         assert len(device.server.requests) == moment.requests
 

@@ -8,7 +8,7 @@ import sys
 import time
 from pathlib import Path
 
-from device.cases import ANOTHER, END, STAGES, own_lines, script, shown
+from device.cases import ANOTHER, END, STAGES, own_lines, script, told_user
 from device.gate import Gate, is_stopped, until
 from device.run import Run
 from device.virtual_device import VirtualDevice
@@ -94,10 +94,10 @@ def start_at_once(device: VirtualDevice, gate: Gate, count: int) -> Run:
 def test_many_at_once(device: VirtualDevice, gate: Gate, plain: bool) -> None:
     count = 50 if plain else 10  # under an emulator each takes ten times as long
     script(Gate.WAIT)(device)
-    start_at_once(device, gate, count).stop()
+    start_at_once(device, gate, count).kill()
     winner = start_at_once(device, gate, count)
     gate.open()
     assert winner.wait() == 0
     assert winner.log_lines()[-1] == END
     assert len(device.work_directories()) == 2 * count
-    assert shown(device) == []
+    assert told_user(device) == []

@@ -4,13 +4,11 @@ import os
 import re
 import shlex
 import subprocess
-import time
-from collections.abc import Callable
 from pathlib import Path
 from types import TracebackType
 from typing import Self
 
-from device import PATIENCE
+from device.gate import until
 
 # If this process or one of these is killed, nothing of the root survives.
 NSPAWN = ("setpriv", "--pdeathsig=KILL", "unshare", "--pid", "--mount-proc", "--fork", "--kill-child",
@@ -20,14 +18,6 @@ NSPAWN = ("setpriv", "--pdeathsig=KILL", "unshare", "--pid", "--mount-proc", "--
 
 class CannotBoot(Exception):
     """Why this user, or this machine, cannot run such a root."""
-
-
-def wait_for(condition: Callable[[], bool]) -> None:
-    end = time.monotonic() + PATIENCE
-    while not condition():
-        if time.monotonic() > end:
-            raise TimeoutError(f"timed out after {PATIENCE} s")
-        time.sleep(0.05)
 
 
 def control_groups(name: str) -> list[Path]:
@@ -71,13 +61,13 @@ class BootedRoot:
         self._boot: subprocess.Popen[bytes] | None = None
         trial = subprocess.run([*self._nspawn, "true"], capture_output=True, text=True, check=False)
         if trial.returncode != 0:
-            wait_for(lambda: remove_control_groups(self._groups))
+            until(lambda: remove_control_groups(self._groups))
             raise CannotBoot(f"systemd-nspawn does not run here: {trial.stderr.strip()}")
 
     def __enter__(self) -> Self:
         self._boot = subprocess.Popen([*self._nspawn, "--boot", "--console=pipe"], stdin=subprocess.DEVNULL)
         try:
-            wait_for(self._is_up)
+            until(self._is_up)
         except BaseException:
             self.__exit__(None, None, None)
             raise
@@ -88,7 +78,7 @@ class BootedRoot:
         if self._boot:
             self._boot.kill()
             self._boot.wait()
-        wait_for(lambda: remove_control_groups(self._groups))
+        until(lambda: remove_control_groups(self._groups))
 
     def path(self, path: str) -> Path:
         """Where an absolute path of the root can be reached from here."""

@@ -7,16 +7,17 @@ from contextlib import closing, contextmanager
 from itertools import chain
 from pathlib import Path
 
-from booted_root import BootedRoot, wait_for
+from booted_root import BootedRoot
+from device.gate import until
 from device.https_server import AUTHORITY, HOST, Content, Server, authority
 from device.keys import Keys
 from device.services import BUS_CONFIG
+from device.virtual_device import ARCHIVE, DOCUMENT
 
 ROOT = Path(__file__).resolve().parents[2]
 SERVICES = {"kbus": "/usr/bin/dbus-daemon --config-file=/etc/kbus.conf --nofork --nopidfile",
             "transfer-service": "/usr/sbin/transfer-service", "vestrel": "/usr/bin/vestrel"}
 SETTINGS = "/var/lib/prefbox/zelo.installer.download"
-DOCUMENT, ARCHIVE = "/zelo_installer_meta.json", "/zelo_installer.tar.gz"
 AUTHOR = "/run/author"
 
 
@@ -45,8 +46,8 @@ class SystemdDevice(BootedRoot):
         for name, command in SERVICES.items():
             self.write(f"/etc/systemd/system/{name}.service", f"[Service]\nExecStart={command}\n")
             self.run("systemctl", "start", name)
-            wait_for(lambda: self.path("/run/kbus.sock").exists() if name == "kbus"
-                     else "ready" in self.run("journalctl", f"--unit={name}"))
+            until(lambda: self.path("/run/kbus.sock").exists() if name == "kbus"
+                  else "ready" in self.run("journalctl", f"--unit={name}"))
 
     def write(self, path: str, text: str) -> None:
         self.path(path).parent.mkdir(parents=True, exist_ok=True)

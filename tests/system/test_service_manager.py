@@ -9,10 +9,12 @@ from pathlib import Path
 
 import pytest
 
-from booted_root import CannotBoot, wait_for
+from booted_root import CannotBoot
 from device.cases import END, STAGES
+from device.gate import until
 from device.https_server import Status
-from systemd_device import AUTHOR, DOCUMENT, SystemdDevice, running_device
+from device.virtual_device import DOCUMENT
+from systemd_device import AUTHOR, SystemdDevice, running_device
 
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("ZELO_BUILD_DIR", ROOT / "build" / "release"))
@@ -68,7 +70,7 @@ def test_failure_and_crash_look_different(device: SystemdDevice) -> None:
 def test_stop_lets_the_script_end(device: SystemdDevice) -> None:
     device.publish(SLOW_SCRIPT)
     device.start("--no-block")
-    wait_for(device.path("/tmp/begun").exists)
+    until(device.path("/tmp/begun").exists)
     running = device.path("/tmp/begun").read_text().strip()
     device.run("zeloinstall", status=1)  # a second one, which changes nothing
     tmpfiles = device.path("/usr/lib/tmpfiles.d/zeloinstall.conf")
@@ -84,7 +86,7 @@ def test_stop_lets_the_script_end(device: SystemdDevice) -> None:
     time.sleep(1)
     assert device.state("ActiveState", "TimeoutStopUSec") == ["deactivating", "15min"]
     device.write("/tmp/go", "")
-    wait_for(lambda: device.state() == ["inactive", "success"])
+    until(lambda: device.state() == ["inactive", "success"])
     assert device.path("/tmp/whole").exists()
     time.sleep(1.5)
     for when, left in ("--clean", "zeloinstall.*/*"), ("--remove --boot", "zeloinstall.*"):

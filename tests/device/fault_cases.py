@@ -1,4 +1,4 @@
-"""One row for each line and code that a run can end with, by what is changed about the device.
+"""One case for each line and code that a run can end with, by what is changed about the device.
 
 A device takes at most one change of each kind, in the order of the kinds.
 """
@@ -6,7 +6,7 @@ A device takes at most one change of each kind, in the order of the kinds.
 from device.bundles import RECORD
 from device.cases import (BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
                           NOT_TAKEN, PROD, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, TIMEOUT, Case,
-                          Change, answer, archive, both, failing, fatal, good, key_file, marker, members,
+                          Change, answer, archive, together, failing, fatal, good, key_file, marker, members,
                           other_authority, reported, script, setting, signed, tool)
 from device.https_server import Content, Drop, Stall, Status
 from device.virtual_device import ARCHIVE, DOCUMENT, MARKER, VirtualDevice
@@ -26,7 +26,7 @@ def refused(name: str, change: Change, message: str = NO_COMMAND, *warnings: str
 
 def untold(name: str, change: Change, *shown: str) -> Case:
     """Nobody serves the address that is configured, and `change` breaks the telling of it."""
-    return fatal(name, both(setting(TEMPLATE, NOBODY), change), 1, NO_COMMAND, METADATA_FAILED + LOST,
+    return fatal(name, together(setting(TEMPLATE, NOBODY), change), 1, NO_COMMAND, METADATA_FAILED + LOST,
                  reported(LOST, "02"), shown=shown)
 
 
@@ -43,10 +43,10 @@ KINDS = {
         good("run.sh ended by a signal", script(f"{RECORD}; kill -9 $$")),
     ],
     "document": [
-        failing("no url, twice", both(members(url=None), setting(RETRIES, "1")), 1, "key url not found", "02",
+        failing("no url, twice", together(members(url=None), setting(RETRIES, "1")), 1, "key url not found", "02",
                 *[METADATA_FAILED + "key url not found"] * 2),
         unfetched("no signature", members(signature=None), "key signature not found"),
-        failing("address refused at once", both(members(url="https://LocalHost/b"), setting(RETRIES, "3")), 1,
+        failing("address refused at once", together(members(url="https://LocalHost/b"), setting(RETRIES, "3")), 1,
                 "http/loopback address not allowed", "02"),
     ],
     "metadata": [
@@ -62,8 +62,8 @@ KINDS = {
         fatal("time limit out of range", setting(TIMEOUT, "99999999999"), 1, "stoi"),
         good("longest time limit", setting(TIMEOUT, "2147483647")),
         unfetched("time limit passed at once", setting(TIMEOUT, "-1")),
-        unfetched("document too late", both(setting(TIMEOUT, "1"), answer(DOCUMENT, Stall()))),
-        failing("bundle too late", both(setting(TIMEOUT, "5"), answer(ARCHIVE, Stall())), 2, LOST, "02",
+        unfetched("document too late", together(setting(TIMEOUT, "1"), answer(DOCUMENT, Stall()))),
+        failing("bundle too late", together(setting(TIMEOUT, "5"), answer(ARCHIVE, Stall())), 2, LOST, "02",
                 BUNDLE_FAILED + LOST),
     ],
     "transfers": [
@@ -102,12 +102,12 @@ SIGNATURES = [
     refused("stranger's signature", signed("stranger")),
     refused("no production key", key_file(PROD, None)),
     refused("foreign production key", key_file(PROD, "stranger")),
-    refused("both keys refuse", both(marker, signed("stranger")), NO_COMMAND, DEV_REFUSED + NO_COMMAND),
-    good("marker a directory", both(lambda d: d.path(MARKER).mkdir(), signed("dev"))),
+    refused("both keys refuse", together(marker, signed("stranger")), NO_COMMAND, DEV_REFUSED + NO_COMMAND),
+    good("marker a directory", together(lambda d: d.path(MARKER).mkdir(), signed("dev"))),
 ]
 
 STARTS = [
     fatal("no bus", lambda d: d.path("/run/kbus.sock").unlink(), 0, "Failed to initialize kbus handle"),
-    fatal("neither /tmp nor bus", both(lambda d: d.path("/tmp").rmdir(), lambda d: d.path("/run/kbus.sock").unlink()),
+    fatal("neither /tmp nor bus", together(lambda d: d.path("/tmp").rmdir(), lambda d: d.path("/run/kbus.sock").unlink()),
           0, "unable to create temp directory. errno 2"),
 ]

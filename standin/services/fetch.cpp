@@ -1,4 +1,4 @@
-#include "standin/services/download.h"
+#include "standin/services/fetch.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -35,12 +35,12 @@ int errorCode(GSubprocess* process, const char* response) {
   std::istringstream(response) >> status >> version >> size >> framing;
   if (status == 0) return couldNotBegin;
   if (exitStatus != 0 || status != ok) return status;
-  return isKnownToBeWhole(version, size, framing) ? Download::whole : partOfFile;
+  return isKnownToBeWhole(version, size, framing) ? Fetch::whole : partOfFile;
 }
 
 }  // namespace
 
-int Download::start(const std::string& address, const std::string& destination) {
+int Fetch::start(const std::string& address, const std::string& destination) {
   const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
   const int file = open(destination.c_str(), flags, ownerOnly);
   if (file < 0) return couldNotWrite;
@@ -69,17 +69,17 @@ int Download::start(const std::string& address, const std::string& destination) 
   return whole;
 }
 
-void Download::stop() {
+void Fetch::stop() {
   stopped_ = true;
   g_subprocess_force_exit(process_.get());
 }
 
-void Download::onEnd(GObject* process, GAsyncResult* result, gpointer self) {
+void Fetch::onEnd(GObject* process, GAsyncResult* result, gpointer self) {
   char* response = nullptr;
   g_subprocess_communicate_utf8_finish(G_SUBPROCESS(process), result, nullptr, &response, nullptr);
   const std::unique_ptr<char, decltype(&g_free)> owned(response, g_free);
-  auto& download = *static_cast<Download*>(self);
+  auto& fetch = *static_cast<Fetch*>(self);
   const int code = errorCode(G_SUBPROCESS(process), response == nullptr ? "" : response);
-  const auto ended = std::move(download.ended_);
-  ended(download.stopped_ ? stopped : code);
+  const auto ended = std::move(fetch.ended_);
+  ended(fetch.stopped_ ? stopped : code);
 }

@@ -6,7 +6,7 @@ import signal
 import subprocess
 import tempfile
 from argparse import Namespace
-from collections.abc import Iterable
+from collections.abc import Sequence
 from contextlib import suppress
 from dataclasses import replace
 from pathlib import Path
@@ -28,7 +28,7 @@ from device.trial.watch import Watch
 from device.virtual_device import VirtualDevice
 
 
-def show(title: str, lines: Iterable[str]) -> None:
+def show(title: str, lines: Sequence[str]) -> None:
     """A title and its lines; nothing without any."""
     for line in (f"{title}:", *(f"  {line}" for line in lines)) if lines else ():
         print(printable(line))

@@ -14,6 +14,7 @@ from device.syslog_receiver import LogLine
 from device.trial.lines import Lines, printable, shortened
 from device.trial.trace import STRACE, Trace
 from device.trial.verdict import Attempt
+from device.trial.waiting import UNTRACED, waited_for
 from device.virtual_device import VirtualDevice
 
 STAGE = re.compile(":main:[A-Z][a-z]+ing ")
@@ -129,15 +130,7 @@ class Watch:
         """Says what is waited for, once it has been quiet for a while."""
         if time.monotonic() < self._last_event + QUIET or not self._last_stage:
             return
-        running = self.trace.running()
-        if not self._traced:
-            why = "run.sh still runs, or something that it started holds its standard output"
-        elif self.trace.script in running:
-            del running[self.trace.script]
-            why = f"run.sh still runs: {', '.join(shortened(running.values())) or 'no other program'}"
-        else:
-            holders = shortened(command for pid, command in running.items() if holds(pid, self.trace.output))
-            why = f"run.sh has ended, but its standard output is held by: {', '.join(holders)}"
+        why = waited_for(self.trace) if self._traced else UNTRACED
         if why != self._explained:
             self._show("waiting", why)
             self._explained = why
@@ -159,12 +152,3 @@ class Watch:
         return Attempt(status, code, stopped, reached, self.trace.script_end, self._wrote_stderr,
                        shortened(self.trace.not_found), left, shortened(self.trace.refused),
                        self.trace.restarts)
-
-
-def holds(pid: int, pipe: str) -> bool:
-    """Whether a process has the pipe open."""
-    try:
-        directory = f"/proc/{pid}/fd"
-        return any(os.readlink(f"{directory}/{number}") == pipe for number in os.listdir(directory))
-    except OSError:  # ended meanwhile
-        return False

@@ -6,6 +6,7 @@ import shutil
 import signal
 import subprocess
 import sys
+from collections.abc import Sequence
 from pathlib import Path
 
 import pytest
@@ -50,9 +51,10 @@ def environment(build: Path) -> dict[str, str]:
             "PYTHONUTF8": "0", "PYTHONCOERCECLOCALE": "0"}
 
 
-def attempt(build: Path, *arguments: str | Path, typed: str = "") -> tuple[int, str]:
-    done = subprocess.run([*COMMAND, *arguments], check=False, text=True, stdout=subprocess.PIPE, cwd=ROOT,
-                          env=environment(build), input=typed)
+def attempt(build: Path, *arguments: str | Path, typed: str = "",
+            prefix: Sequence[str] = ()) -> tuple[int, str]:
+    done = subprocess.run([*prefix, *COMMAND, *arguments], check=False, text=True, stdout=subprocess.PIPE,
+                          cwd=ROOT, env=environment(build), input=typed)
     return done.returncode, done.stdout
 
 
@@ -122,8 +124,8 @@ def test_nothing_reaches_this_machine(build: Path, source: Path) -> None:
     status, said = attempt(build, "--once", source)
     assert status == 0 and "DID" not in said, said
     *mounts, network = re.findall(r"stdout   (\S+)", said)
-    assert sorted(mounts) == ["/", *(f"/dev/{name}" for name in ("full", "null", "random", "urandom", "zero")),
-                              "/proc"]
+    devices = (f"/dev/{name}" for name in ("full", "null", "random", "urandom", "zero"))
+    assert sorted(mounts) == ["/", *devices, "/proc"]
     assert network != os.readlink("/proc/self/ns/net")
 
 
@@ -140,6 +142,19 @@ def test_own_system(build: Path, source: Path, tmp_path: Path, name: str) -> Non
     assert status == 0 and "which lacks them:\n  /usr/bin/openssl\nsigned" in said
     assert said.endswith("own files:\n  removed  /etc/own\ninstalled\n")
     assert sorted((path, path.lstat().st_mtime_ns) for path in own.rglob("*")) == before
+
+
+@pytest.mark.parametrize("script, verdict", [
+    ("touch /x; kill -9 $$", "installed"),  # as devices say
+    ("rm /usr/bin/openssl", f"  {DEAD} (code 00)"),
+    ("exit 3", "NOT INSTALLED: code 03"),
+])
+def test_without_a_tracer(build: Path, source: Path, script: str, verdict: str) -> None:
+    write(source, script)
+    # What is traced already can be traced by nobody else.
+    tracer = ["strace", "-f", "-qq", "--seccomp-bpf", "--trace=reboot", "-o", "/dev/null"]
+    said = attempt(build, source, prefix=tracer)[1]
+    assert "not traced (" in said and said.splitlines()[-1] == verdict
 
 
 def test_looking_around_afterwards(build: Path, source: Path) -> None:

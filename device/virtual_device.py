@@ -209,5 +209,7 @@ class VirtualDevice:
         trial = [*self.entering, "/bin/sh", "-c", ":"]
         done = subprocess.run(trial, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
         if done.returncode != 0:
-            raise RuntimeError("the virtual device needs root or unprivileged user namespaces, and must be "
-                               f"allowed to run programs under {self._base.parent}: {done.stderr.strip()}")
+            raise RuntimeError(f"no program runs on the virtual device: {done.stderr.strip()}\n"
+                               "It needs root or unprivileged user namespaces, programs must be allowed to run "
+                               f"under {self._base.parent}, and a system of your own must have /bin/sh with its "
+                               "libraries.")

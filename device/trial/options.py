@@ -59,6 +59,13 @@ def system(text: str) -> Path:
     return path
 
 
+def seconds(text: str) -> float:
+    value = float(text)
+    if not 0 < value < float("inf"):
+        raise argparse.ArgumentTypeError(f"{text}: expected a number of seconds")
+    return value
+
+
 def parse_arguments(description: str | None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="./try-bundle", description=description, epilog=EPILOG,
@@ -81,7 +88,8 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
     parser.add_argument("--room", type=size, default="1G", metavar="SIZE",
                         help="free room on the device, e.g. 64M (default: %(default)s)")
     parser.add_argument("--once", action="store_true", help="leave out the second attempt")
-    parser.add_argument("--timeout", type=float, metavar="SECONDS", help="stop an attempt that takes longer")
+    parser.add_argument("--timeout", type=seconds, metavar="SECONDS",
+                        help="stop an attempt that takes longer")
     parser.add_argument("--strict", action="store_true", help="'installed, but' also has exit status 1")
     parser.add_argument("--unconfined", action="store_true",
                         help="run the bundle even where run.sh can reach this machine")

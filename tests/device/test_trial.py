@@ -103,4 +103,4 @@ def test_verdict(first: Attempt, second: Attempt | None, lines: list[str], statu
 def test_how_texts_are_shown() -> None:
     assert shortened(["a", "b" * 99, "a"]) == ["a (2 times)", "b" * 80 + "..."]
     assert shortened(map(str, range(12)))[9:] == ["9", "2 more"]
-    assert printable("a\tb\x1b[31m\r\x7f\udcff") == r"a" "\t" r"b\x1b[31m\x0d\x7f" "\udcff"
+    assert printable("a\tb\x1b[31m\r\x7f\udcff") == r"a" "\t" r"b\x1b[31m\x0d\x7f\xff"

@@ -75,7 +75,7 @@ def test_what_is_shown(build: Path, source: Path) -> None:
     write(source, SHOWN)
     status, said = attempt(build, source)
     events = [line.partition(" s  ")[2] for line in said.splitlines()]
-    for event in ("stderr   caf\\udcc3\\udca9 \\udcff", "stdout   progress  (dropped on a device)",
+    for event in ("stderr   caf\\xc3\\xa9 \\xff", "stdout   progress  (dropped on a device)",
                   "stderr   env: can't execute 'nosuch': No such file or directory"):
         assert event in events
     first = said.partition("run.sh ended: ")[2].partition("second attempt:")[0]
@@ -84,7 +84,7 @@ def test_what_is_shown(build: Path, source: Path) -> None:
         "programs not found:", "  nosuch", "left running:", "  sleep 1000",
         "changes by the first attempt, without the daemon's own files:", "  changed  /etc/hosts (content)",
         "  removed  /etc/nsswitch.conf", "  changed  /etc/passwd (mode 0644 -> 0600)",
-        "  added    /new (directory, 0755, 0:0)", "  added    /tmp/\\udcff (file, 0644, 0:0)"]
+        "  added    /new (directory, 0755, 0:0)", "  added    /tmp/\\xff (file, 0644, 0:0)"]
     assert said.splitlines()[-5:] == [
         "installed, but", "  not found: nosuch", "  something was written on standard error",
         "  left running, until the service unit kills them: sleep 1000",

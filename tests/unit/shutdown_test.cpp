@@ -178,11 +178,6 @@ TEST_F(Frame, ATerminationSignalEndsTheProcess) {
   }
 }
 
-void abortAfterTheStart() {
-  zelo::makeAbortsCrash();
-  std::abort();
-}
-
 void failWhileTheLogBlocks() {
   fake::platform().onLine = [](const std::string&) { stay(); };
   sigset_t all;
@@ -199,7 +194,6 @@ TEST_F(Frame, AStartThatFailsEndsWithStatusOne) {
       {[] { std::terminate(); }, {ending + "terminated without an exception", "exit 1"}},
       {[] { throw AnotherInstance(); }, {"exit 1"}},
       {[] { std::abort(); }, {"exit 1"}},
-      {abortAfterTheStart, {"signal 6"}},
       {failWhileTheLogBlocks, {"exit 1"}}};
   for (const auto& [fail, expected] : rows) {
     const auto start = std::chrono::steady_clock::now();

@@ -23,7 +23,7 @@ from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
 FLOOR = "/usr/bin/bench-floor"
 BY_HAND = "/usr/bin/by-hand"
 # Whatever starts the bundle's script is stopped when its work is done, as the floor stops itself.
-SCRIPT = '#!/bin/sh\nkill -STOP "$PPID"\n'
+SCRIPT = '#!/bin/sh\nset -e\nkill -STOP "$PPID"\n'
 HEADER = """\
 | bundle | daemon : script | first log line | processor time | VmHWM    |
 |--------|-----------------|----------------|----------------|----------|"""

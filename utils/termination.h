@@ -17,8 +17,8 @@ namespace zelo {
 /// For the main thread. Returns, unless a termination signal has been noted: then it waits for the end.
 void passGate() noexcept;
 
-/// The main thread waits for as long as one of these lives, except while a program is being started. Neither the constructor nor the destructor
-/// returns once a termination signal has been noted.
+/// The main thread waits for as long as one of these lives, except while a program is being started. Neither
+/// the constructor nor the destructor returns once a termination signal has been noted.
 class Wait {
  public:
   enum For { event, program };

@@ -72,10 +72,8 @@ class Service:
         self._reader.join()
 
     def _read(self) -> None:
-        assert self.process.stdout is not None
-        with self.process.stdout as output:
-            for line in output:
-                self._append(line.rstrip("\n"))
+        for line in self.process.stdout or ():
+            self._append(line.rstrip("\n"))
         with self._changed:
             self._ended = True
             self._changed.notify_all()

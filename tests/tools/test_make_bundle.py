@@ -85,7 +85,7 @@ def test_signs_with_a_command() -> None:
     assert make("--sign-command", SIGNER, "--public-key", "key.pub").stdout.endswith("key: EC, 256 bits\n")
     done = make("--sign-command", "openssl dgst -sha256 -sign plain", "--no-verify")
     assert done.stdout.endswith("key: not verified\n")
-    shell(f"{TOOL.with_name('check-bundle')} {DOCUMENT} {ARCHIVE} key.pub")
+    subprocess.run([TOOL.with_name("check-bundle"), DOCUMENT, ARCHIVE, "key.pub"], check=True)
 
 
 def test_warns() -> None:

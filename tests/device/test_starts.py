@@ -57,6 +57,14 @@ def test_what_the_script_inherits(device: VirtualDevice, gate: Gate) -> None:
         assert found == [[0, 1, 2], 0, ignored, "", words, str(device.root)], state
 
 
+def test_the_script_reads_the_daemons_standard_input(device: VirtualDevice, tmp_path: Path) -> None:
+    (tmp_path / "input").write_text("word\n")
+    script("read -r word; echo $word >/run/word")(device)
+    with open(tmp_path / "input", encoding="ascii") as stdin:
+        assert device.start(stdin=stdin).wait() == 0
+    assert device.path("/run/word").read_text() == "word\n"
+
+
 def test_the_environment_is_the_starters(device: VirtualDevice, gate: Gate) -> None:
     """The daemon keeps it, the time zone too; a program that it starts gets none."""
     script(Gate.WAIT)(device)

@@ -21,16 +21,14 @@ constexpr int failed = 1;
 constexpr auto sharing = static_cast<GBusNameOwnerFlags>(G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT |
                                                          G_BUS_NAME_OWNER_FLAGS_REPLACE);
 
-// Where GLib gives up for want of memory, threads or descriptors, the process says so and ends with
-// status 1, as programs do when anything else fails, instead of by a signal.
+// Where GLib gives up for want of memory, threads or descriptors, the process ends with status 1, as programs
+// do when anything else fails, instead of by a signal. GLib may have blocked that signal by then.
 void endWithStatusOneOnFatalErrors() {
   g_log_set_default_handler(
-      [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer unused) {
-        if ((level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0) {
-          (void)std::fprintf(stderr, "%s\n", message != nullptr ? message : "GLib gives up");
-          _exit(EXIT_FAILURE);
-        }
-        g_log_default_handler(domain, level, message, unused);
+      [](const char* domain, GLogLevelFlags level, const char* message, gpointer unused) {
+        if ((level & G_LOG_FLAG_FATAL) == 0) return g_log_default_handler(domain, level, message, unused);
+        (void)std::fprintf(stderr, "%s\n", message);
+        _exit(EXIT_FAILURE);
       },
       nullptr);
 }

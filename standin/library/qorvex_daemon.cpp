@@ -30,9 +30,9 @@ int qorvex_daemon_checksingleton(const char* pidFile) {
     close(fd);
     return refused;
   }
-  if (ftruncate(fd, 0) != 0 || dprintf(fd, "%d\n", getpid()) < 0)
-    syslog(LOG_WARNING, "singleton: unable to write %s: %s", pidFile,
-           strerrordesc_np(errno));  // the lock counts
+  if (ftruncate(fd, 0) != 0 || dprintf(fd, "%d\n", getpid()) < 0) {  // the lock counts
+    syslog(LOG_WARNING, "singleton: unable to write %s: %s", pidFile, strerrordesc_np(errno));
+  }
   return fd;
 }
 

@@ -1,5 +1,7 @@
 #include "standin/services/bus_service.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +11,7 @@ namespace {
 
 [[noreturn]] void fail(const char* reason) {
   (void)std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, reason);
-  std::exit(EXIT_FAILURE);
+  _exit(EXIT_FAILURE);
 }
 
 }  // namespace

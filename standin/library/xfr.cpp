@@ -30,7 +30,7 @@ struct Status final : TransferStatus {
   int deferredCode = 0;
 };
 
-/// The listeners by their transfers' numbers. After `forget` none is called any more.
+/// Who listens to which transfer. After `forget` a listener is called no more.
 class Listeners {
  public:
   void add(int id, TransferListener* listener) {
@@ -52,15 +52,19 @@ class Listeners {
   std::map<int, TransferListener*> listeners_;
 };
 
+// Of the process, which has one client: the bus's thread may still use them when that is gone.
+Listeners g_listeners;
+
 // Gets every message, on the bus's own thread.
-GDBusMessage* filter(GDBusConnection* /*bus*/, GDBusMessage* message, gboolean incoming, gpointer listeners) {
+GDBusMessage* filter(GDBusConnection* /*bus*/, GDBusMessage* message, gboolean incoming,
+                     gpointer /*unused*/) {
   if (incoming == FALSE || g_strcmp0(g_dbus_message_get_interface(message), service::name) != 0)
     return message;
   GVariant* const progress = g_dbus_message_get_body(message);
   if (progress != nullptr && g_variant_is_of_type(progress, G_VARIANT_TYPE("(iiii)")) != FALSE) {
     Status status;
     g_variant_get(progress, "(iiii)", &status.id, &status.state, &status.errorCode, &status.deferredCode);
-    static_cast<Listeners*>(listeners)->call(status);
+    g_listeners.call(status);
   }
   return message;
 }
@@ -97,7 +101,6 @@ struct TransferServiceImpl::State {
                           const char* interface = service::name) const;
 
   KbusHandleStruct* const handle;
-  Listeners* listeners = nullptr;  // the subscription's
   guint subscription = 0;
   int lastId = 0;
 };
@@ -117,25 +120,21 @@ TransferServiceImpl::~TransferServiceImpl() = default;
 
 bool TransferServiceImpl::initialize() {
   if (!state_->call("Ping", nullptr, "org.freedesktop.DBus.Peer")) return false;
-  state_->listeners = new Listeners;
-  // The filter may still run when it has been removed, so it is what deletes them.
-  state_->subscription =
-      g_dbus_connection_add_filter(state_->handle->bus, filter, state_->listeners,
-                                   [](gpointer listeners) { delete static_cast<Listeners*>(listeners); });
+  state_->subscription = g_dbus_connection_add_filter(state_->handle->bus, filter, nullptr, nullptr);
   return true;
 }
 
 Transfer* TransferServiceImpl::initiateTransfer(TransferRequestDescImpl* request) {
-  if (state_->listeners == nullptr) return nullptr;
+  if (state_->subscription == 0) return nullptr;
   const TransferRequestDescImpl::State& wanted = *request->state_;
   auto handle = std::make_unique<Handle>(++state_->lastId);
-  state_->listeners->add(handle->id, wanted.listener);
+  g_listeners.add(handle->id, wanted.listener);
   wanted.listener->setTransfer(handle.get());
   if (state_->call("Initiate",
                    g_variant_new("(i^ay^ay)", handle->id, wanted.sourceAddress, wanted.destinationPath))) {
     return handle.release();
   }
-  state_->listeners->forget(handle->id);
+  g_listeners.forget(handle->id);
   // A service that has only been too slow to answer must not go on.
   g_dbus_connection_call(state_->handle->bus, service::name, "/", service::name, "Finish",
                          g_variant_new("(i)", handle->id), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START,
@@ -149,7 +148,7 @@ int TransferServiceImpl::suspendTransfer(Transfer* /*transfer*/) {
 }
 
 int TransferServiceImpl::finishTransfer(Transfer* transfer, int /*reason*/) {
-  state_->listeners->forget(transfer->getId());
+  g_listeners.forget(transfer->getId());
   return state_->call("Finish", g_variant_new("(i)", transfer->getId())) ? 0 : -1;
 }
 

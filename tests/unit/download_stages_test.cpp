@@ -76,8 +76,8 @@ TEST_F(Stages, DownloadsAreRetriedWithGrowingPauses) {
       "<4> W def:zeloinstall:ZeloInstallerBundleMetadata:bundle download failed due to download failed";
   const struct {
     const char* retries;
-    int failures;
-    int attempts;
+    unsigned failures;
+    unsigned attempts;
     unsigned lastPause;
   } rows[] = {{"5", 3, 4, 3000000},
               {"0", 1, 1, 0},
@@ -91,7 +91,8 @@ TEST_F(Stages, DownloadsAreRetriedWithGrowingPauses) {
     ASSERT_EQ(platform.pauses.size(), row.attempts) << row.retries;
     EXPECT_EQ(platform.pauses.front(), 0U) << row.retries;
     EXPECT_EQ(platform.pauses.back(), row.lastPause) << row.retries;
-    EXPECT_EQ(std::count(platform.log.begin(), platform.log.end(), warning), row.failures) << row.retries;
+    const auto warnings = std::count(platform.log.begin(), platform.log.end(), warning);
+    EXPECT_EQ(static_cast<unsigned>(warnings), row.failures) << row.retries;
   }
 }
 

@@ -1,11 +1,10 @@
 """What the checking tool says of bundles; where a device can tell, it must agree."""
 
 import io
-import json
 import re
 import subprocess
 import tarfile
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator
 from dataclasses import replace
 from pathlib import Path
 
@@ -39,7 +38,6 @@ def script(text: bytes, mode: int = 0o755) -> bytes:
 
 
 RUN = member("run.sh", b"#!/bin/sh -e\n")
-LINK = member("x", type=tarfile.SYMTYPE, linkname="../y")
 GOOD = packed(RUN)
 
 
@@ -78,22 +76,19 @@ def judge(device: VirtualDevice, directory: Path, bundle: Bundle, code: str | No
 # An archive, the code that a device shows, and what the tool finds.
 ARCHIVES: dict[str, tuple[bytes, str | None, str]] = {
     "cut short": (GOOD[:-20], "01", "error: cannot be unpacked: gzip: stdin: unexpected end of file"),
-    "trailing bytes": (GOOD + b"garbage", "01", "error: cannot be unpacked: "),
-    "absolute name": (packed(RUN, member("/x")), None, "warning: member '/x': the name is absolute"),
-    "link outside": (packed(RUN, LINK), None, "warning: member 'x': a link to '../y', outside"),
-    "pipe": (packed(RUN, member("x", type=tarfile.FIFOTYPE)), None, "warning: member 'x': not a file"),
+    "below the daemon's": (packed(RUN, member("zelo_installer.tar.gz/x")), "01", "error: cannot be unpacked"),
+    "link": (packed(RUN, member("x", type=tarfile.SYMTYPE, linkname="../y")), None, "warning: member 'x': a"),
     "the daemon's": (packed(RUN, member("./zelo_installer.tar.gz")), None, "warning: member './zelo_"),
-    "owner": (packed(RUN, member("x", uname="joe")), None, "warning: member 'x': belongs to joe:0 (0:0)"),
+    "owner": (packed(RUN, member("x", uname="joe")), None, "warning: member 'x': belongs to joe:0, not"),
     "leftover": (packed(RUN, member("run.sh~")), None, "warning: member 'run.sh~': left by an editor"),
     "itself": (packed(member(".", type=tarfile.DIRTYPE, mode=0), RUN), None, "work directory to 0000"),
 
-    "no script": (packed(member("d/run.sh", b"#!/bin/sh\n")), "03", "error: run.sh: No such file"),
+    "no script": (packed(member("d/run.sh", b"#!/bin/sh\n")), "03", "error: run.sh: there is no such"),
     "not executable": (script(b"#!/bin/sh -e\n", 0o644), "03", "error: run.sh: not executable"),
     "no interpreter": (script(b"exit 0\n"), "03", "error: run.sh: does not begin"),
     "carriage return": (script(b"#!/bin/sh -e\r"), "03", "error: run.sh: the interpreter line contains"),
     "missing here": (script(b"#!/missing\n"), "03", "warning: run.sh: its interpreter /missing does not"),
     "syntax": (script(b"#!/bin/sh -e\nif\n"), "03", "warning: run.sh: sh -n fails here: sh: "),
-    "quoted line end": (script(b"#!/bin/sh -e\n: 'a\r\nb'\n"), None, "warning: run.sh: has lines"),
     "program": (script(Path("/bin/true").read_bytes()), None, "warning: run.sh: a program, which"),
     "no set -e": (script(b"#!/bin/sh\n# set -e\n"), None, "warning: run.sh: has no set -e"),
     "good": (script(b"#!/bin/sh -u\n:; set -u -e\n"), None, ""),
@@ -105,39 +100,31 @@ def test_archive(device: VirtualDevice, tmp_path: Path, archive: bytes, code: st
     judge(device, tmp_path, device.sign(archive), code, found)
 
 
-Text = Callable[[bytes], bytes]
-
-
-def changed(**members: object) -> Text:
-    return lambda document: json.dumps({**json.loads(document), **members}).encode()
-
-
-# A change of the document, the code that a device shows, and what the tool finds.
-DOCUMENTS: dict[str, tuple[Text, str | None, str]] = {
-    "not JSON": (lambda _: b"{", "02", "error: not JSON"),
-    "bad, then good": (lambda document: b'{"url": "http://a/", ' + document[1:], "02", "error: address http"),
-    "url a number": (changed(url=1), "02", "error: no string member url"),
-    "its own name": (changed(url="https://%6cocalHost:1/x"), "02", "error: address https://%6cocal"),
-    "unpadded": (changed(signature="AAAAAA"), "00", "error: the signature is empty or not base64"),
-    "other signature": (changed(signature="AAAA"), "00", "error: the signature does not verify"),
-    "folded": (lambda document: document[:-42] + b"\\n" + document[-42:], None, ""),
+# Text in the document and what replaces it, the code that a device shows, and what the tool finds.
+DOCUMENTS: dict[str, tuple[str, str, str | None, str]] = {
+    "not JSON": ("}", "", "02", "error: not JSON"),
+    "no JSON number": ("{", '{"x": NaN, ', "02", "error: not JSON"),
+    "half a character": ("{", r'{"x": "\ud800", ', "02", "error: not JSON"),
+    "bad, then good": ("{", '{"url": "http://a/", ', "02", "error: address 'http://a/': devices"),
+    "url a number": ("{", '{"url": 1, ', "02", "error: no string member url"),
+    "its own name": ("{", '{"url": "https://%6cocalHost:1/x", ', "02", "error: address 'https://%6cocalHost"),
+    "unpadded": ("{", '{"signature": "AAAAAA", ', "00", "error: the signature is empty or not base64"),
+    "other signature": ("{", '{"signature": "AAAA", ', "00", "error: the signature does not verify"),
+    "folded": ('"signature": "', r'"signature": "\n', None, ""),
 }
 
 
-@pytest.mark.parametrize("change, code, found", DOCUMENTS.values(), ids=DOCUMENTS)
-def test_document(device: VirtualDevice, tmp_path: Path, change: Text, code: str | None, found: str) -> None:
+@pytest.mark.parametrize("old, new, code, found", DOCUMENTS.values(), ids=DOCUMENTS)
+def test_document(device: VirtualDevice, tmp_path: Path, old: str, new: str, code: str | None,
+                  found: str) -> None:
     bundle = device.sign(GOOD)
-    judge(device, tmp_path, replace(bundle, document=change(bundle.document)), code, found)
+    document = bundle.document.decode().replace(old, new).encode()
+    judge(device, tmp_path, replace(bundle, document=document), code, found)
 
 
-# What makes a private key, in each form that openssl writes.
 PRIVATE = {
     "PKCS#8": "openssl genpkey -algorithm ED25519",
-    "PKCS#8, encrypted": "openssl genpkey -algorithm ED25519 -aes256 -pass pass:word",
-    "PKCS#1": "openssl genrsa -traditional 2048",
     "PKCS#1, encrypted": "openssl genrsa -traditional -aes256 -passout pass:word 2048",
-    "SEC1": "openssl ecparam -name prime256v1 -genkey -noout",
-    "SEC1, encrypted": "openssl ecparam -name prime256v1 -genkey -noout | openssl ec -aes256 -passout pass:w",
     "in a script": "printf 'cat <<END\\n'; openssl ecparam -name prime256v1 -genkey | sed 's/^/    /'",
     "in JSON": "openssl ecparam -name prime256v1 -genkey -noout | sed ':a; N; $!ba; s/\\n/\\\\n/g'",
 }

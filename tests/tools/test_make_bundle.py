@@ -56,13 +56,13 @@ def test_makes_the_same_archive_again() -> None:
 # What is done first, the options, the exit status, and the reason that is given.
 REFUSED = {
     "by a rule": ("chmod 644 source/run.sh", (), 1, "error: run.sh: not executable"),
-    "address": ("", ("--url", "http://a/"), 1, "error: address http://a/"),
+    "address": ("", ("--url", "http://a/"), 1, "error: address 'http://a/'"),
     "its key": ("cp key source/data/x", (), 1, "error: member 'data/x': holds a private key"),
     "its key, no PEM": ("openssl pkey -in key -passin file:word -outform DER -out der; cp der source",
                         ("--key", "der"), 1, "error: member 'der': holds a private key"),
     "output inside": ("ln -s source o", ("--output", "o/new"), 1, "o/new: is inside SOURCE_DIR"),
     "missing key": ("", ("--key", "none"), 1, "none: No such file or directory"),
-    "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), 1, "cannot use ED25519 keys"),
+    "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), 1, "devices cannot use this key"),
     "bad passphrase": ("", ("--passphrase-file", "key.pub"), 1, "the passphrase is wrong"),
     "other key": ("openssl genrsa | openssl rsa -pubout -out o", ("--public-key", "o"), 1, "does not verify"),
     "command fails": ("", ("--sign-command", "false", "--no-verify"), 1, "false ended with status 1"),
@@ -91,7 +91,7 @@ def test_signs_with_a_command() -> None:
 def test_warns() -> None:
     shell("openssl genrsa -out key 1024")
     assert make("--url", "https://a.example/ä").stderr.splitlines() == [
-        "make-bundle: warning: address https://a.example/ä: contains non-ASCII characters",
+        "make-bundle: warning: address 'https://a.example/ä': contains non-ASCII characters",
         "make-bundle: warning: a weak key, only 1024 bits long"]
 
 

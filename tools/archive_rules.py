@@ -16,6 +16,7 @@ from script_rules import check_script
 ARCHIVE = "zelo_installer.tar.gz"
 DOCUMENT = "zelo_installer_meta.json"
 WORK_DIRECTORY_MODE = 0o700
+BLOCK = 4096  # what a file takes at least
 
 # The daemon keeps these beside the unpacked files; a member of the same name replaces them.
 RESERVED = (ARCHIVE, DOCUMENT, f"{ARCHIVE}.sig", f"{ARCHIVE}.sig.sha256")
@@ -48,7 +49,7 @@ def check_archive(archive: Path, directory: Path, report: Report, secret: bytes 
 
 def check_members(archive: Path, report: Report, secret: bytes) -> None:
     packed, unpacked = archive.stat().st_size, 0
-    room = blocks(packed) + blocks(1) * len(RESERVED)
+    blocks = packed // BLOCK + len(RESERVED)
     with tarfile.open(archive, "r:gz") as tar:
         for member in tar:
             for remark in remarks_on(member):
@@ -59,9 +60,9 @@ def check_members(archive: Path, report: Report, secret: bytes) -> None:
                 report.error(archive, f"member {member.name!r}: holds a private key, "
                              "which must never be published")
             unpacked += member.size
-            room += blocks(1 if member.isdir() else member.size)
+            blocks += member.size // BLOCK + 1
     report.facts.update({"packed": f"{packed} bytes", "unpacked": f"{unpacked} bytes",
-                         "room needed in /tmp": f"{room} bytes"})
+                         "room needed in /tmp": f"{blocks * BLOCK} bytes"})
 
 
 def remarks_on(member: tarfile.TarInfo) -> Iterator[str]:
@@ -79,8 +80,3 @@ def remarks_on(member: tarfile.TarInfo) -> Iterator[str]:
     owner = f"{member.uname or member.uid}:{member.gname or member.gid}"
     if owner not in ("0:0", "root:root"):
         yield f"belongs to {owner}, not to root"
-
-
-def blocks(size: int) -> int:
-    """The room that a file of this size needs."""
-    return -(-size // 4096) * 4096

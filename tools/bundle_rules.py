@@ -74,10 +74,8 @@ def why_refused(url: str) -> str | None:
         _ = parts.port  # parsed, and refused, when it is asked for
     except ValueError as error:
         return str(error)
-    if parts.scheme != "https":
-        return "devices accept https only"
-    if not host:
-        return "no host"
+    if parts.scheme != "https" or not host:
+        return "devices accept only https, and need a host"
     return f"devices refuse their own address {host}" if OWN_HOST.fullmatch(host) else None
 
 

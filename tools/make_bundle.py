@@ -16,9 +16,6 @@ from scratch import scratch_directory, signals_wait
 from script_rules import SCRIPT
 from signing import PrivateKey, sign_with_command
 
-# Early, so that tar does not warn of time stamps in the future on a device that does not know the date.
-DEFAULT_MTIME = 86400
-
 
 def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(
@@ -42,7 +39,8 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--url", required=True, help="https address at which the archive will be published")
     parser.add_argument("--output", required=True, type=Path, metavar="DIR",
                         help="directory for the two files; made when it is missing")
-    parser.add_argument("--mtime", type=int, default=DEFAULT_MTIME, metavar="SECONDS",
+    # Early by default, or tar on a device that does not know the date warns of time stamps in the future.
+    parser.add_argument("--mtime", type=int, default=86400, metavar="SECONDS",
                         help="time stamp of every member, in seconds since 1970 (default: %(default)s); the "
                         "same files give the same archive")
     parser.add_argument("--version", action="version", version=version())

@@ -40,14 +40,13 @@ def make(*options: str, stdout: int = subprocess.PIPE) -> subprocess.CompletedPr
 
 
 def test_makes_the_same_archive_again() -> None:
-    done = make()
-    assert (done.returncode, done.stderr) == (0, "")
+    shell("touch source/x~")
+    assert make().stderr == "make-bundle: warning: member 'x~': left by an editor or version control\n"
     with tarfile.open(ARCHIVE) as tar:
         members = [(member.name, member.uid, member.gid, member.uname, member.mtime) for member in tar]
-    assert members == [(name, 0, 0, "", 86400) for name in ("data", "run.sh")]
+    assert members == [(name, 0, 0, "", 86400) for name in ("data", "run.sh", "x~")]
 
     made = ARCHIVE.read_bytes()
-    assert made[4:8] == bytes(4)  # no time in gzip's header
     os.utime("source/run.sh", (1, 1))
     assert make().returncode == 0
     assert ARCHIVE.read_bytes() == made
@@ -57,7 +56,6 @@ def test_makes_the_same_archive_again() -> None:
 REFUSED = {
     "by a rule": ("chmod 644 source/run.sh", (), 1, "error: run.sh: not executable"),
     "address": ("", ("--url", "http://a/"), 1, "error: address 'http://a/'"),
-    "its key": ("cp key source/data/x", (), 1, "error: member 'data/x': holds a private key"),
     "its key, no PEM": ("openssl pkey -in key -passin file:word -outform DER -out der; cp der source",
                         ("--key", "der"), 1, "error: member 'der': holds a private key"),
     "output inside": ("ln -s source o", ("--output", "o/new"), 1, "o/new: is inside SOURCE_DIR"),
@@ -81,18 +79,11 @@ def test_refuses_and_leaves_nothing(first: str, options: tuple[str, ...], status
 
 
 def test_signs_with_a_command() -> None:
-    shell("openssl pkey -in key -passin file:word -out plain")
-    assert make("--sign-command", SIGNER, "--public-key", "key.pub").stdout.endswith("key: EC, 256 bits\n")
-    done = make("--sign-command", "openssl dgst -sha256 -sign plain", "--no-verify")
-    assert done.stdout.endswith("key: not verified\n")
+    shell("openssl genrsa -out plain 1024; openssl pkey -in plain -pubout -out plain.pub")
+    done = make("--sign-command", "openssl dgst -sha256 -sign plain", "--public-key", "plain.pub")
+    assert done.stderr == "make-bundle: warning: a weak key, only 1024 bits long\n"
+    assert make("--sign-command", SIGNER, "--no-verify").stdout.endswith("key: not verified\n")
     subprocess.run([TOOL.with_name("check-bundle"), DOCUMENT, ARCHIVE, "key.pub"], check=True)
-
-
-def test_warns() -> None:
-    shell("openssl genrsa -out key 1024")
-    assert make("--url", "https://a.example/ä").stderr.splitlines() == [
-        "make-bundle: warning: address 'https://a.example/ä': contains non-ASCII characters",
-        "make-bundle: warning: a weak key, only 1024 bits long"]
 
 
 def test_leaves_nothing_after_a_signal() -> None:

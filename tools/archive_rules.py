@@ -43,7 +43,6 @@ def check_archive(archive: Path, directory: Path, report: Report, secret: bytes 
         check_members(archive, report, secret)
     except (tarfile.TarError, OSError, EOFError, ValueError, zlib.error) as error:
         report.error(archive, f"its members cannot be listed: {error}")
-    directory.chmod(WORK_DIRECTORY_MODE)
     check_script(archive, directory, report)
 
 

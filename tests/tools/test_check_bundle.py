@@ -96,9 +96,12 @@ DOCUMENTS: dict[str, tuple[str, str, str | None, str]] = {
     "half a character": ("{", r'{"x": "\ud800", ', "02", "error: not JSON"),
     "bad, then good": ("{", '{"url": "http://a/", ', "02", "error: address 'http://a/': devices"),
     "url a number": ("{", '{"url": 1, ', "02", "error: no string member url"),
+    "a blank": ("{", '{"url": "https://a b/", ', "02", "error: address 'https://a b/': contains"),
+    "no port": ("{", '{"url": "https://a:b/", ', "02", "error: address 'https://a:b/': Port could not"),
+    "no host": ("{", '{"url": "https:///b", ', "02", "error: address 'https:///b': devices accept only"),
     "its own name": ("{", '{"url": "https://%6cocalHost:1/x", ', "02", "error: address 'https://%6cocalHost"),
     "not ASCII": ("{", '{"url": "https://ä/", ', "02", "warning: address 'https://ä/': contains non-ASCII"),
-    "unpadded": ("{", '{"signature": "AAAAAA", ', "00", "error: the signature is empty or not base64"),
+    "unpadded": ("{", '{"signature": "AAAAAA", ', "00", "error: the signature is not base64 (with"),
     "other signature": ("{", '{"signature": "AAAA", ', "00", "error: the signature does not verify"),
     "folded": ('"signature": "', r'"signature": "\n', None, ""),
 }

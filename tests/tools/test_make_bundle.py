@@ -64,9 +64,11 @@ REFUSED = {
     "missing key": ("", ("--key", "none"), 1, "none: No such file or directory"),
     "useless key": ("openssl genpkey -algorithm ED25519 -out key", (), 1, "devices cannot use this key"),
     "bad passphrase": ("", ("--passphrase-file", "key.pub"), 1, "the passphrase is wrong"),
+    "no passphrase": ("echo >word", (), 1, "word: the first line is empty"),
     "other key": ("openssl genrsa | openssl rsa -pubout -out o", ("--public-key", "o"), 1, "does not verify"),
     "private key": ("", ("--public-key", "key"), 1, "error: a private key, which no device may have"),
     "command fails": ("", ("--sign-command", "false", "--no-verify"), 1, "false ended with status 1"),
+    "text": ("", ("--sign-command", "echo", "--no-verify"), 1, "echo printed text, or nothing, instead"),
     "no public key": ("", ("--sign-command", SIGNER), 2, "needs --public-key"),
 }
 

@@ -92,7 +92,7 @@ def test_signs_with_a_command() -> None:
 
 def test_leaves_nothing_after_a_signal() -> None:
     before = sorted(Path().rglob("*"))
-    done = make("--sign-command", "sh -c 'kill -HUP $PPID; exec sleep 100'", "--no-verify")
+    done = make("--sign-command", "sh -c 'sleep 1; kill -HUP $PPID; exec sleep 100'", "--no-verify")
     assert (done.returncode, done.stderr) == (-signal.SIGHUP, "make-bundle: stopped by SIGHUP\n")
     assert sorted(Path().rglob("*")) == before
 

@@ -2,11 +2,6 @@
 the same two downloads. benchmarks/README.md explains the columns.
 """
 
-from device import alone
-
-if __name__ == "__main__":
-    alone.enter()
-
 import argparse
 import os
 import re
@@ -14,8 +9,8 @@ import shutil
 import signal
 import statistics
 import time
-from dataclasses import dataclass
 from pathlib import Path
+from typing import NamedTuple
 
 from device.rootfs import DAEMON
 from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
@@ -30,8 +25,8 @@ HEADER = """\
 ROW = "| {:3} MB | {:15.2f} | {:11.1f} ms | {:11.1f} ms | {:4.1f} MiB |"
 
 
-@dataclass
-class Figures:
+class Figures(NamedTuple):
+    """Times are in milliseconds, memory in MiB. The first line of a program that logs nothing is at 0."""
     elapsed: float
     first_line: float
     processor: float
@@ -39,7 +34,6 @@ class Figures:
 
 
 def watch(device: VirtualDevice, program: str) -> Figures:
-    """Times are in milliseconds, memory in MiB. The first line of a program that logs nothing is at 0."""
     device.path("/tmp/bench").mkdir()
     begin = time.monotonic()
     process = device.popen([program, device.url(DOCUMENT), device.url(ARCHIVE)])  # the daemon ignores both
@@ -60,12 +54,10 @@ def watch(device: VirtualDevice, program: str) -> Figures:
     return Figures(1000 * elapsed, 1000 * (logged[0] - begin), 1000 * processor, int(peak) / 1024)
 
 
-def one_round(device: VirtualDevice, number: int) -> tuple[float, float, float, float]:
+def one_round(device: VirtualDevice) -> tuple[float, float, float, float]:
     """The table's columns. All three run in every round: what slows the machine down slows them all."""
-    order = (FLOOR, BY_HAND, DAEMON) if number % 2 else (DAEMON, BY_HAND, FLOOR)
-    found = {program: watch(device, program) for program in order}
-    daemon, floor = found[DAEMON], found[FLOOR]
-    return (daemon.elapsed / found[BY_HAND].elapsed, daemon.first_line - floor.first_line,
+    daemon, by_hand, floor = (watch(device, program) for program in (DAEMON, BY_HAND, FLOOR))
+    return (daemon.elapsed / by_hand.elapsed, daemon.first_line - floor.first_line,
             daemon.processor - floor.processor, daemon.peak - floor.peak)
 
 
@@ -82,7 +74,7 @@ def main() -> None:
         for size in (1, 64, 256):
             payload = os.urandom(size * 1_000_000)
             device.publish(device.make_bundle(script=SCRIPT, files={"payload": payload}))
-            rounds = [one_round(device, number) for number in range(options.rounds)]
+            rounds = [one_round(device) for _ in range(options.rounds)]
             print(ROW.format(size, *(statistics.median(column) for column in zip(*rounds))), flush=True)
 
 

@@ -96,7 +96,7 @@ def start_bus(base: Path, root: Path) -> Service:
 def set_property(root: Path, service: str, name: str, value: str) -> bool:
     """Whether a service has taken the value. By nothing of the device, because that may be broken."""
     command = ["/usr/bin/dbus-send", f"--bus=unix:path={root / BUS_SOCKET}", "--print-reply",
-               f"--dest={service}", f"/{service.replace('.', '/')}", "org.freedesktop.DBus.Properties.Set",
+               f"--dest={service}", "/", "org.freedesktop.DBus.Properties.Set",
                f"string:{service}", f"string:{name}", f"variant:{value}"]
     return subprocess.run(command, env=NO_ENVIRONMENT, capture_output=True, check=False).returncode == 0
 

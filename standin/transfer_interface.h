@@ -10,7 +10,7 @@
 /// they begin again.
 namespace xfr::service {
 
-inline constexpr const char* name = "com.qorvex.transfer";  // of the object and its interface as well
+inline constexpr const char* name = "com.qorvex.transfer";  // of its interface as well
 
 inline constexpr const char* description =
     "<node><interface name='com.qorvex.transfer'>"

@@ -1,15 +1,13 @@
+#include "platform/ctrap.h"
+
 #include <execinfo.h>
 #include <unistd.h>
 
-#include <array>
-#include <csignal>
 #include <cstring>
 
-#include "platform/ctrap.h"
+#include "standin/library/fault_signals.h"
 
 namespace {
-
-constexpr std::array<int, 7> fatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS, SIGTRAP};
 
 std::array<void*, 64> g_frames;
 
@@ -19,12 +17,10 @@ void say(const char* text) {
 
 // Installed for one signal only: raised again it has its default action, as soon as this returns.
 void dump(int signum) {
-  const char* name = sigabbrev_np(signum);
   say("zeloinstall: fatal signal SIG");
-  say(name == nullptr ? "?" : name);
+  say(sigabbrev_np(signum));
   say(", backtrace:\n");
-  backtrace_symbols_fd(g_frames.data(), backtrace(g_frames.data(), static_cast<int>(g_frames.size())),
-                       STDERR_FILENO);
+  backtrace_symbols_fd(g_frames.data(), backtrace(g_frames.data(), g_frames.size()), STDERR_FILENO);
   (void)raise(signum);
 }
 
@@ -36,7 +32,7 @@ void ctrap_register_signal_handlers() {
   struct sigaction action = {};
   action.sa_handler = dump;
   action.sa_flags = static_cast<int>(SA_RESETHAND);
-  for (const int signum : fatalSignals) {
+  for (const int signum : faultSignals) {
     struct sigaction present = {};
     // What the program handles itself is its business.
     if (sigaction(signum, nullptr, &present) == 0 && present.sa_handler == SIG_DFL)

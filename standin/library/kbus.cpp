@@ -8,80 +8,81 @@
 #include <cstdlib>
 #include <exception>
 #include <future>
-#include <memory>
 
-#include "standin/bus_connection.h"
-#include "standin/library/block_signals.h"
 #include "standin/library/bus_handle.h"
+#include "standin/library/fault_signals.h"
 
 namespace {
 
-constexpr int ready = 0;
-constexpr int noBus = 1;
-constexpr int nameTaken = 2;
+constexpr int failed = 1;
 
-// Where GLib gives up for want of memory, threads or descriptors, the process says so and ends with
-// status 1, as programs do when anything else fails, instead of by a signal.
+// A later instance of a service takes the name over, and gives it back when it ends. So it comes to where it
+// sees the first one.
+constexpr auto sharing = static_cast<GBusNameOwnerFlags>(G_BUS_NAME_OWNER_FLAGS_ALLOW_REPLACEMENT |
+                                                         G_BUS_NAME_OWNER_FLAGS_REPLACE);
+
+// Where GLib gives up for want of memory, threads or descriptors, the process ends with status 1, as programs
+// do when anything else fails, instead of by a signal. GLib may have blocked that signal by then.
 void endWithStatusOneOnFatalErrors() {
   g_log_set_default_handler(
-      [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer unused) {
-        if ((level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0) {
-          (void)std::fprintf(stderr, "%s\n", message != nullptr ? message : "GLib gives up");
-          _exit(EXIT_FAILURE);
-        }
-        g_log_default_handler(domain, level, message, unused);
+      [](const char* domain, GLogLevelFlags level, const char* message, gpointer unused) {
+        if ((level & G_LOG_FLAG_FATAL) == 0) return g_log_default_handler(domain, level, message, unused);
+        (void)std::fprintf(stderr, "%s\n", message);
+        _exit(EXIT_FAILURE);
       },
       nullptr);
 }
 
-// On another thread: GIO's thread starts there, with signals blocked, and the caller can give up a bus that
-// never answers. One that falls silent after the authentication takes GIO's own 25 s.
-kbus::Connection connectInTime(kbus::Error& error) {
-  const std::unique_ptr<GCancellable, kbus::Unref> cancellable(g_cancellable_new());
-  std::future<kbus::Connection> connecting;
-  {
-    const kbus::BlockSignals block;
-    connecting = std::async(std::launch::async, [&] { return kbus::connect(cancellable.get(), error); });
+// For this thread and those that it starts: signals are the process's business. All but those of a fault,
+// which would end the process without its crash dump.
+void blockSignals() {
+  sigset_t most;
+  sigfillset(&most);
+  for (const int fault : faultSignals) sigdelset(&most, fault);
+  pthread_sigmask(SIG_SETMASK, &most, nullptr);
+}
+
+// On another thread, so that the caller can give up a bus that never answers. One that falls silent after
+// the authentication takes GIO's own 25 s.
+GDBusConnection* connectInTime(GError** error) {
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  std::future<GDBusConnection*> connecting = std::async(std::launch::async, [&] {
+    blockSignals();
+    return kbus::connect(cancellable, error);
+  });
+  const auto timeout = std::chrono::milliseconds(kbus::callTimeoutMilliseconds);
+  if (connecting.wait_for(timeout) != std::future_status::ready) {
+    syslog(LOG_ERR, "kbus: the bus does not answer");
+    g_cancellable_cancel(cancellable);
   }
-  const bool inTime = connecting.wait_for(std::chrono::milliseconds(kbus::callTimeoutMilliseconds)) ==
-                      std::future_status::ready;
-  if (!inTime) g_cancellable_cancel(cancellable.get());
-  kbus::Connection connection = connecting.get();
-  if (!connection && !inTime) {
-    error.reset(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "the bus does not answer"));
-  }
-  return connection;
+  return connecting.get();
 }
 
 }  // namespace
 
 KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) try {
   endWithStatusOneOnFatalErrors();
-  kbus::Error error;
-  auto handle = std::make_unique<KbusHandleStruct>();
-  handle->connection = connectInTime(error);
-  if (!handle->connection) {
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GDBusConnection) bus = connectInTime(&error);
+  if (bus == nullptr || !kbus::claimName(bus, serviceName, sharing, &error)) {
     syslog(LOG_ERR, "kbus: %s", error->message);
-    *resultCode = noBus;
+    *resultCode = failed;
     return nullptr;
   }
-  // Shared among the instances of a service, so that a second one comes to where it sees the first.
-  if (!kbus::claimName(handle->connection.get(), serviceName, kbus::Sharing::withLaterClaimants, error)) {
-    syslog(LOG_ERR, "kbus: %s: %s", serviceName, error ? error->message : "the name is taken");
-    *resultCode = nameTaken;
-    return nullptr;
-  }
-  *resultCode = ready;
-  return handle.release();
+  auto* const handle = new KbusHandleStruct{bus};
+  g_object_ref(bus);
+  *resultCode = 0;
+  return handle;
 } catch (const std::exception& error) {  // no memory, no thread
   syslog(LOG_ERR, "kbus: %s", error.what());
-  *resultCode = noBus;
+  *resultCode = failed;
   return nullptr;
 }
 
 int KbusClose(KbusHandleStruct* handle) {
   if (handle == nullptr) return -1;
   if (handle->clients != 0) std::abort();
-  const std::unique_ptr<KbusHandleStruct> owned(handle);
-  return g_dbus_connection_close_sync(owned->connection.get(), nullptr, nullptr) != FALSE ? 0 : -1;
+  g_autoptr(GDBusConnection) bus = handle->bus;
+  delete handle;
+  return g_dbus_connection_close_sync(bus, nullptr, nullptr) != FALSE ? 0 : -1;
 }

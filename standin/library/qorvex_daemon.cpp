@@ -1,13 +1,12 @@
+#include "platform/qorvex_daemon.h"
+
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <string>
-
-#include "platform/qorvex_daemon.h"
 
 // Warnings and errors, until the daemon says otherwise.
 std::uint32_t g_qorvex_log_mask = 0x03000000;
@@ -17,34 +16,22 @@ namespace {
 constexpr int refused = -1;
 constexpr mode_t ownerOnly = 0600;  // a user that may read a file may lock it, too
 
-int fail(const char* what, const char* pidFile) {
-  syslog(LOG_ERR, "singleton: unable to %s %s: %s", what, pidFile, strerrordesc_np(errno));
-  return refused;
-}
-
-// A record lock: not inherited by forked processes, released by the kernel when the process dies.
-bool lock(int fd) {
-  struct flock whole = {};
-  whole.l_type = F_WRLCK;
-  whole.l_whence = SEEK_SET;
-  return fcntl(fd, F_SETLK, &whole) == 0;
-}
-
 }  // namespace
 
 int qorvex_daemon_checksingleton(const char* pidFile) {
   const int fd = open(pidFile, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, ownerOnly);
-  if (fd < 0) return fail("open", pidFile);
-  (void)fchmod(fd, ownerOnly);
-  if (!lock(fd)) {
-    const int result = errno == EACCES || errno == EAGAIN ? refused : fail("lock", pidFile);
-    close(fd);
-    return result;
+  if (fd < 0) {
+    syslog(LOG_ERR, "singleton: unable to open %s: %s", pidFile, strerrordesc_np(errno));
+    return refused;
   }
-  const std::string pid = std::to_string(getpid()) + "\n";
-  if (ftruncate(fd, 0) != 0 || write(fd, pid.data(), pid.size()) < 0) {
-    syslog(LOG_WARNING, "singleton: unable to write %s: %s", pidFile,
-           strerrordesc_np(errno));  // the lock counts
+  // A record lock: not inherited by forked processes, released by the kernel when the process dies.
+  if (lockf(fd, F_TLOCK, 0) != 0) {
+    if (errno != EAGAIN) syslog(LOG_ERR, "singleton: unable to lock %s: %s", pidFile, strerrordesc_np(errno));
+    close(fd);
+    return refused;
+  }
+  if (ftruncate(fd, 0) != 0 || dprintf(fd, "%d\n", getpid()) < 0) {  // the lock counts
+    syslog(LOG_WARNING, "singleton: unable to write %s: %s", pidFile, strerrordesc_np(errno));
   }
   return fd;
 }

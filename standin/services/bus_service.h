@@ -4,10 +4,12 @@
 
 namespace kbus {
 
-/// Offers an object, whose path and interface have the service's name, and works until SIGTERM or SIGINT
-/// comes or the bus is gone. `prepare` gets the connection before the name is claimed: a client that
-/// sees the name is heard. Returns the program's exit status.
-[[nodiscard]] int serve(const char* name, const char* description, const GDBusInterfaceVTable& operations,
-                        gpointer data, void (*prepare)(GDBusConnection* bus, gpointer data));
+/// Connects to the bus. As in `serve`, what fails ends the program.
+[[nodiscard]] GDBusConnection* connectService();
+
+/// Offers the one object of a service, whose path is "/", and claims the name of its interface. Works until
+/// the bus is gone.
+[[noreturn]] void serve(GDBusConnection* bus, const char* description, const GDBusInterfaceVTable& operations,
+                        gpointer data);
 
 }  // namespace kbus

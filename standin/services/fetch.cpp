@@ -1,6 +1,5 @@
 #include "standin/services/fetch.h"
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 
 #include <csignal>
@@ -8,12 +7,9 @@
 
 namespace {
 
-constexpr int couldNotBegin = 2;  // the numbers are curl's own
-constexpr int partOfFile = 18;
-constexpr int couldNotWrite = 23;
+constexpr int partOfFile = 18;  // the numbers are curl's own
 constexpr int refusedByServer = 22;
 constexpr int ok = 200;
-constexpr mode_t ownerOnly = 0600;
 
 // What curl is to say of a response.
 constexpr const char* responseFormat =
@@ -25,34 +21,25 @@ bool isKnownToBeWhole(const std::string& version, const std::string& size, const
   return version >= "2" || g_ascii_strcasecmp(framing.c_str(), "chunked:") == 0 || framing == ":" + size;
 }
 
-int errorCode(GSubprocess* process, const char* response) {
-  if (g_subprocess_get_if_exited(process) == FALSE) return couldNotBegin;
+int resultOf(GSubprocess* process, const char* response) {
+  if (g_subprocess_get_if_exited(process) == FALSE || response == nullptr) return Fetch::couldNotBegin;
   const int exitStatus = g_subprocess_get_exit_status(process);
   if (exitStatus != 0 && exitStatus != refusedByServer) return exitStatus;
 
   int status = 0;
   std::string version, size, framing;
   std::istringstream(response) >> status >> version >> size >> framing;
-  if (status == 0) return couldNotBegin;
   if (exitStatus != 0 || status != ok) return status;
   return isKnownToBeWhole(version, size, framing) ? Fetch::whole : partOfFile;
 }
 
 }  // namespace
 
-int Fetch::start(const std::string& address, const std::string& destination) {
-  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
-  const int file = open(destination.c_str(), flags, ownerOnly);
-  if (file < 0) return couldNotWrite;
-
-  const std::unique_ptr<GSubprocessLauncher, kbus::Unref> launcher(
-      g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDERR_PIPE));
-  g_subprocess_launcher_take_stdout_fd(launcher.get(), file);
-  const char* environment[] = {nullptr};
-  g_subprocess_launcher_set_environ(launcher.get(), const_cast<char**>(environment));
-  // Or it would go on writing to the file after this service has died.
+bool Fetch::start(const std::string& address, const std::string& destination) {
+  g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDERR_PIPE);
+  // Or curl would go on writing to the file after this service has died.
   g_subprocess_launcher_set_child_setup(
-      launcher.get(), [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
+      launcher, [](gpointer) { prctl(PR_SET_PDEATHSIG, SIGKILL); }, nullptr, nullptr);
   // clang-format off
   const char* command[] = {
       "/usr/bin/curl", "--disable",  // reads no settings of its own; has to come first
@@ -61,25 +48,28 @@ int Fetch::start(const std::string& address, const std::string& destination) {
       // Without another directory of authorities it would trust those in the usual one as well.
       "--cacert", "/etc/ssl/certs/ca-certificates.crt", "--capath", "/dev/null",
       "--connect-timeout", "30", "--speed-limit", "1", "--speed-time", "30",
-      "--write-out", responseFormat, "--", address.c_str(), nullptr};
+      "--write-out", responseFormat, "--output", destination.c_str(), "--", address.c_str(), nullptr};
   // clang-format on
-  process_.reset(g_subprocess_launcher_spawnv(launcher.get(), command, nullptr));
-  if (!process_) return couldNotBegin;
-  g_subprocess_communicate_utf8_async(process_.get(), nullptr, nullptr, onEnd, this);
-  return whole;
+  process_ = g_subprocess_launcher_spawnv(launcher, command, nullptr);
+  if (process_ == nullptr) return false;
+  g_subprocess_communicate_utf8_async(process_, nullptr, listening_, onEnd, this);
+  return true;
 }
 
-void Fetch::stop() {
-  stopped_ = true;
-  g_subprocess_force_exit(process_.get());
+Fetch::~Fetch() {
+  g_cancellable_cancel(listening_);
+  g_object_unref(listening_);
+  if (process_ == nullptr) return;
+  g_subprocess_force_exit(process_);
+  g_subprocess_wait(process_, nullptr, nullptr);
+  g_object_unref(process_);
 }
 
 void Fetch::onEnd(GObject* process, GAsyncResult* result, gpointer self) {
-  char* response = nullptr;
-  g_subprocess_communicate_utf8_finish(G_SUBPROCESS(process), result, nullptr, &response, nullptr);
-  const std::unique_ptr<char, decltype(&g_free)> owned(response, g_free);
-  auto& fetch = *static_cast<Fetch*>(self);
-  const int code = errorCode(G_SUBPROCESS(process), response == nullptr ? "" : response);
-  const auto ended = std::move(fetch.ended_);
-  ended(fetch.stopped_ ? stopped : code);
+  g_autofree char* response = nullptr;
+  g_autoptr(GError) error = nullptr;
+  g_subprocess_communicate_utf8_finish(G_SUBPROCESS(process), result, nullptr, &response, &error);
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) != FALSE) return;  // by the destructor
+  const auto ended = std::move(static_cast<Fetch*>(self)->ended_);
+  ended(resultOf(G_SUBPROCESS(process), response));
 }

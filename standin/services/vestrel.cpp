@@ -1,33 +1,13 @@
 #include <cstdio>
-#include <cstring>
 
 #include "standin/services/bus_service.h"
 
-// A tiny UI shell: prints what a real one would show.
+// A tiny UI shell: prints what it is told to show.
 namespace {
 
-constexpr const char* service = "com.qorvex.vestrel";
-constexpr const char* interfaceDescription =
+constexpr const char* description =
     "<node><interface name='com.qorvex.vestrel'>"
     "<property name='load' type='s' access='write'/></interface></node>";
-
-struct CodeText {
-  const char* code;
-  const char* text;
-};
-
-constexpr CodeText texts[] = {{"00", "The update could not be verified."},
-                              {"01", "The update could not be unpacked."},
-                              {"02", "The update could not be downloaded."},
-                              {"03", "The update could not be installed."},
-                              {"99", "The update failed."}};
-
-const char* textOf(const char* code) {
-  for (const CodeText& entry : texts) {
-    if (std::strcmp(entry.code, code) == 0) return entry.text;
-  }
-  return "An unknown error occurred.";
-}
 
 gboolean setLoad(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*path*/,
                  const char* /*interface*/, const char* /*property*/, GVariant* value, GError** /*error*/,
@@ -41,16 +21,14 @@ void hearEvent(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*p
   if (g_variant_is_of_type(parameters, G_VARIANT_TYPE("(s)")) == FALSE) return;
   const char* code = nullptr;
   g_variant_get(parameters, "(&s)", &code);
-  (void)std::printf("vestrel: %s %s: %s\n", event, code, textOf(code));
-}
-
-void listen(GDBusConnection* bus, gpointer /*unused*/) {
-  g_dbus_connection_signal_subscribe(bus, nullptr, "com.qorvex.vestrel.zelo", nullptr, nullptr, nullptr,
-                                     G_DBUS_SIGNAL_FLAGS_NONE, hearEvent, nullptr, nullptr);
+  (void)std::printf("vestrel: %s %s\n", event, code);
 }
 
 }  // namespace
 
 int main() {
-  return kbus::serve(service, interfaceDescription, {nullptr, nullptr, setLoad, {}}, nullptr, listen);
+  GDBusConnection* const bus = kbus::connectService();
+  g_dbus_connection_signal_subscribe(bus, nullptr, "com.qorvex.vestrel.zelo", nullptr, nullptr, nullptr,
+                                     G_DBUS_SIGNAL_FLAGS_NONE, hearEvent, nullptr, nullptr);
+  kbus::serve(bus, description, {nullptr, nullptr, setLoad, {}}, nullptr);
 }

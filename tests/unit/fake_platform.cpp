@@ -6,7 +6,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -23,7 +22,7 @@
 namespace fake {
 namespace {
 
-Platform g_current;
+constexpr std::uint32_t everyLevel = 0x0FFF0000;
 std::mutex g_log_lock;
 
 struct Report final : xfr::TransferStatus {
@@ -38,7 +37,7 @@ struct Report final : xfr::TransferStatus {
 
 int giveText(const std::optional<std::string>& text, char** result) {
   EXPECT_EQ(*result, nullptr);
-  if (g_current.succeedWithoutText) return 0;
+  if (platform.succeedWithoutText) return 0;
   *result = strdup(text ? text->c_str() : "left behind by a failure");
   return text ? 0 : -1;
 }
@@ -46,12 +45,12 @@ int giveText(const std::optional<std::string>& text, char** result) {
 }  // namespace
 
 Handle::Handle(int value) : id(value) {
-  ++g_current.transfersAlive;
+  ++platform.transfersAlive;
 }
 
 Handle::~Handle() {
-  --g_current.transfersAlive;
-  EXPECT_TRUE(!handedOver || g_current.requestsAlive == 0) << "a request must not outlive its handle";
+  --platform.transfersAlive;
+  EXPECT_TRUE(!handedOver || platform.requestsAlive == 0) << "a request must not outlive its handle";
 }
 
 void Request::report(int state, int deferred, int reportedId) const {
@@ -59,24 +58,15 @@ void Request::report(int state, int deferred, int reportedId) const {
   listener->onProgress(&status);
 }
 
-Platform& platform() {
-  return g_current;
-}
-
-void Test::reset() {
-  EXPECT_TRUE(g_current.transfersAlive == 0 && g_current.requestsAlive == 0);
-  g_current = Platform();
-  g_qorvex_log_mask = 0x0FFF0000;
-}
-
-unsigned count(const Texts& journal, const std::string& beginning) {
-  const auto begins = [&](const std::string& entry) { return entry.rfind(beginning, 0) == 0; };
-  return static_cast<unsigned>(std::count_if(journal.begin(), journal.end(), begins));
+Test::~Test() {
+  EXPECT_TRUE(platform.transfersAlive == 0 && platform.requestsAlive == 0);
+  platform = Platform();
+  g_qorvex_log_mask = everyLevel;
 }
 
 }  // namespace fake
 
-using fake::g_current;
+using fake::platform;
 
 struct xfr::TransferRequestDescImpl::State : fake::Request {};
 
@@ -92,11 +82,11 @@ xfr::TransferRequestDescImpl::TransferRequestDescImpl(const char* source, const 
   EXPECT_TRUE(a6 == 0 && a14 == 0 && a15 == 1 && !a18 && a19 == -1);
   EXPECT_EQ((Texts{method, client, display, passThrough, name, a20}),
             (Texts{"GET", "com.qorvex.zeloinstall", source, "", "request_download", ""}));
-  ++g_current.requestsAlive;
+  ++platform.requestsAlive;
 }
 
 xfr::TransferRequestDescImpl::~TransferRequestDescImpl() {
-  --g_current.requestsAlive;
+  --platform.requestsAlive;
 }
 
 struct xfr::TransferServiceImpl::State {
@@ -115,11 +105,11 @@ bool xfr::TransferServiceImpl::initialize() {
 xfr::Transfer* xfr::TransferServiceImpl::initiateTransfer(TransferRequestDescImpl* request) {
   EXPECT_EQ(state_->running, nullptr) << "one transfer at a time";
   fake::Request& submitted = *request->state_;
-  g_current.calls.push_back("initiate " + submitted.source + " " + submitted.destination);
-  submitted.id = g_current.firstId++;
+  platform.calls.push_back("initiate " + submitted.source + " " + submitted.destination);
+  submitted.id = platform.firstId++;
   auto handle = std::make_unique<fake::Handle>(submitted.id);
   submitted.handle = handle.get();
-  if (!g_current.onInitiate(submitted)) return nullptr;  // the handle goes, announced or not
+  if (!platform.onInitiate(submitted)) return nullptr;  // the handle goes, announced or not
   state_->running = &submitted;
   handle->handedOver = true;
   return handle.release();
@@ -130,39 +120,39 @@ int xfr::TransferServiceImpl::suspendTransfer(Transfer* /*transfer*/) {
 }
 
 int xfr::TransferServiceImpl::finishTransfer(Transfer* transfer, int reason) {
-  g_current.calls.emplace_back("finish");
+  platform.calls.emplace_back("finish");
   fake::Request* const running = std::exchange(state_->running, nullptr);
   const bool finishes = running != nullptr && transfer == running->handle && reason == 0;
-  EXPECT_TRUE(finishes && g_current.requestsAlive == 1);
-  if (finishes) g_current.onFinish(*running);
+  EXPECT_TRUE(finishes && platform.requestsAlive == 1);
+  if (finishes) platform.onFinish(*running);
   return 0;
 }
 
 int getPrefboxValue(const char* key, char** value) {
-  const auto found = g_current.settings.find(key);
-  return fake::giveText(found == g_current.settings.end() ? std::nullopt : std::optional(found->second),
+  const auto found = platform.settings.find(key);
+  return fake::giveText(found == platform.settings.end() ? std::nullopt : std::optional(found->second),
                         value);
 }
 
 int getSoftwareVersion(std::int64_t* version) {
-  if (g_current.version) *version = *g_current.version;
-  return g_current.version ? 0 : -1;
+  if (platform.version) *version = *platform.version;
+  return platform.version ? 0 : -1;
 }
 
 int getSoftwarePackageName(char** name) {
-  return fake::giveText(g_current.packageName, name);
+  return fake::giveText(platform.packageName, name);
 }
 
-std::uint32_t g_qorvex_log_mask = 0;
+std::uint32_t g_qorvex_log_mask = fake::everyLevel;
 
 int qorvex_daemon_checksingleton(const char* pidFile) {
-  g_current.calls.push_back(std::string("check ") + pidFile);
-  return g_current.lockHandle;
+  platform.calls.push_back(std::string("check ") + pidFile);
+  return platform.lockHandle;
 }
 
 int qorvex_daemon_cleansingleton(const char* pidFile, int handle) {
-  g_current.calls.push_back("clean " + std::string(pidFile) + " " + std::to_string(handle));
-  g_current.onRelease();
+  platform.calls.push_back("clean " + std::string(pidFile) + " " + std::to_string(handle));
+  platform.onRelease();
   return 0;
 }
 
@@ -188,9 +178,9 @@ void vsyslog(int priority, const char* format, std::va_list arguments) {
   char text[4096];
   std::vsnprintf(text, sizeof text, format, arguments);
   const std::string line = "<" + std::to_string(priority) + "> " + text;
-  g_current.onLine(line);
+  platform.onLine(line);
   const std::lock_guard<std::mutex> lock(fake::g_log_lock);
-  g_current.log.push_back(line);
+  platform.log.push_back(line);
 }
 
 void __vsyslog_chk(int priority, int /*flag*/, const char* format, std::va_list arguments) {
@@ -200,20 +190,20 @@ void __vsyslog_chk(int priority, int /*flag*/, const char* format, std::va_list 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {
   static void* const symbol = dlsym(RTLD_NEXT, wideTime ? "__pthread_cond_timedwait64" : __func__);
   static const auto real = reinterpret_cast<decltype(&pthread_cond_timedwait)>(symbol);
-  const std::optional<int> result = g_current.onTimedWait(*deadline);
+  const std::optional<int> result = platform.onTimedWait(*deadline);
   return result ? *result : real(condition, mutex, deadline);
 }
 
 int usleep(useconds_t microseconds) {
-  g_current.pauses.push_back(microseconds);
-  const bool interrupted = g_current.onPause();
+  platform.pauses.push_back(microseconds);
+  const bool interrupted = platform.onPause();
   errno = EINTR;
   return interrupted ? -1 : 0;
 }
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  if (g_current.clockFails || syscall(wideTime ? 403 : SYS_clock_gettime, clock, now) != 0) return -1;
-  if (clock == CLOCK_MONOTONIC) now->tv_sec += g_current.monotonicAhead;
+  if (syscall(wideTime ? 403 : SYS_clock_gettime, clock, now) != 0) return -1;
+  if (clock == CLOCK_MONOTONIC) now->tv_sec += platform.monotonicAhead;
   return 0;
 }
 

@@ -42,7 +42,6 @@ struct Platform {
   std::optional<std::string> packageName = "package";
   bool succeedWithoutText = false;
   int lockHandle = 0;
-  bool clockFails = false;
   time_t monotonicAhead = 0;
   int firstId = 1;
 
@@ -71,18 +70,13 @@ struct Platform {
 };
 
 /// The platform of the running test.
-Platform& platform();
+inline Platform platform;
 
-/// Gives each test a new platform and checks that nothing is left of the old one.
+/// Checks that nothing is left of a test's platform, and makes a new one for the next.
 struct Test : testing::Test {
-  Test() { reset(); }
-  ~Test() override { reset(); }
-  static void reset();
+  ~Test() override;
 
-  Platform& platform = fake::platform();
+  Platform& platform = fake::platform;
 };
-
-/// Number of journal entries that begin with a text.
-unsigned count(const Texts& journal, const std::string& beginning);
 
 }  // namespace fake

@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <limits>
 #include <thread>
@@ -102,28 +100,6 @@ TEST_F(Transfer, TheSecondLookDecidesWhetherItIsComplete) {
   EXPECT_EQ(download(longTime), "download failed");
 }
 
-TEST_F(Transfer, EndsAtTheDeadline) {
-  platform.onInitiate = [](Request&) { return true; };
-  for (const int limit : {1, 0, -1, std::numeric_limits<int>::min()}) {
-    const auto start = steady_clock::now();
-    EXPECT_EQ(download(limit), "download failed");
-    EXPECT_GE(steady_clock::now() - start, seconds(std::max(limit, 0)));
-  }
-}
-
-TEST_F(Transfer, TheDeadlineCoversTheSubmission) {
-  timespec submitted{};
-  timespec until{};
-  platform.onInitiate = [&](Request&) { return clock_gettime(CLOCK_REALTIME, &submitted) == 0; };
-  platform.onTimedWait = [&](const timespec& deadline) {
-    until = deadline;
-    return ETIMEDOUT;
-  };
-  EXPECT_EQ(download(longTime), "download failed");
-  EXPECT_LE(std::make_pair(until.tv_sec - longTime, until.tv_nsec),
-            std::make_pair(submitted.tv_sec, submitted.tv_nsec));
-}
-
 TEST_F(Transfer, IdsBelowOneAreInvalidEvenWhereTheyMatch) {
   for (const int id : {-5, 0}) {
     platform.log.clear();
@@ -149,27 +125,6 @@ TEST_F(Transfer, ARefusedRequestLeavesItsHandleToTheLibrary) {
   EXPECT_EQ(download(longTime), "initiating download failed");
   EXPECT_EQ(platform.calls, Texts{"initiate https://x/y /tmp/file"});
   EXPECT_EQ(platform.log, Texts{"<4> W TransferWrapper:download:Initiating transfer failed:"});
-}
-
-TEST_F(Transfer, NothingIsRequestedWithoutAClock) {
-  platform.clockFails = true;
-  const std::string outcome = download(longTime);
-  platform.clockFails = false;
-  EXPECT_EQ(outcome, "clock_gettime failed");
-  EXPECT_EQ(platform.calls, Texts{});
-}
-
-TEST_F(Transfer, StoringAHandleDeletesNoOther) {
-  const auto other = std::make_unique<fake::Handle>(7);
-  platform.onInitiate = [&](Request& request) {
-    request.listener->setTransfer(other.get());
-    EXPECT_EQ(request.listener->getTransfer(), other.get());
-    request.announce();
-    request.report(8);
-    return true;
-  };
-  EXPECT_EQ(download(longTime), "");
-  EXPECT_EQ(platform.transfersAlive, 1);
 }
 
 TEST_F(Transfer, SpuriousWakeUpsDoNotEndTheWait) {

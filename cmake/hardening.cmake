@@ -16,7 +16,7 @@ endif()
 
 target_compile_options(zelo_options INTERFACE
   -ffunction-sections -fdata-sections
-  # The same bytes wherever they are built. The build directory comes last: it may lie inside the sources.
+  # The same bytes wherever they are built. The build directory comes last: it may be inside the sources.
   -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)
 target_link_options(zelo_options INTERFACE -Wl,--gc-sections,--as-needed,--build-id=sha1)
 

@@ -2,7 +2,6 @@
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL daemon tools)
 set(CPACK_SET_DESTDIR ON)  # or the unit would name the staging directory
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)

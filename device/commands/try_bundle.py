@@ -4,7 +4,6 @@ import os
 import shlex
 import signal
 import subprocess
-import tempfile
 from argparse import Namespace
 from collections.abc import Sequence
 from contextlib import suppress
@@ -22,7 +21,7 @@ from device.trial.changes import differences, entries
 from device.trial.lines import printable, shortened
 from device.trial.options import parse_arguments
 from device.trial.publishing import publish
-from device.trial.system import BUSYBOX, System, copy_tree, furnish, one_user
+from device.trial.system import BUSYBOX, System, furnish, one_user
 from device.trial.verdict import Attempt, judge
 from device.trial.watch import Watch
 from device.virtual_device import VirtualDevice
@@ -104,18 +103,10 @@ def open_shell(device: VirtualDevice) -> None:
     subprocess.run(command, env=environment, check=False)
 
 
-def keep(device: VirtualDevice) -> None:
-    # Closed to others, because there may be set-user-ID files in it.
-    kept = tempfile.mkdtemp(prefix="try-bundle.", dir="/tmp")
-    copy_tree(device.root, Path(kept))
-    print(f"the device's files: {kept}")
-
-
 def confined(unconfined: bool) -> bool:
     """Whether run.sh cannot reach this machine; refuses to go on where it can, unless told to."""
     why_not = confinement.impossible()
     if not why_not:
-        confinement.leave_network()
         return True
     if not unconfined:
         raise RuntimeError(f"run.sh cannot be kept away from this machine: {why_not}; "
@@ -133,7 +124,7 @@ def main() -> int:
     if small_system:
         files = {BUSYBOX: Path(BUSYBOX).resolve(), **files}
     system = System(arguments.root)
-    device = VirtualDevice(build, files, confinement.enter if is_confined else services.enter, system.fill)
+    device = VirtualDevice(build, files, confinement.confine if is_confined else services.enter, system.fill)
     device.keys = Keys(alone.place() / "keys")  # the build may be somebody else's
     with device:
         if one_user():
@@ -146,10 +137,7 @@ def main() -> int:
         for key, value in [(RETRIES, "0"), (TIMEOUT, "900"), *arguments.setting]:
             device.set_pref(key, value)
         publish(device, arguments)
-        system.leave_free(arguments.room)
         status = try_out(device, arguments)
         if arguments.shell:
             open_shell(device)
-        if arguments.keep:
-            keep(device)
     return status

@@ -15,7 +15,6 @@ A failed download is not repeated, unless --setting says so.
 
 Exit status: 0 installed, 1 not installed, or the device cannot be updated any more, 2 wrong usage."""
 
-UNITS = {"": 1, "K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
 # The virtual device needs its own of these, or puts its own in their place.
 OWN = re.compile(r"(/usr)?/s?bin/(zeloinstall|transfer-service|vestrel|kbus-set-prop|kbus-send-event)"
                  r"|/(dev|proc)(/.*)?|/run/(kbus\.sock|transfer)(/.*)?|/usr/lib/virtual-device/.*"
@@ -43,13 +42,6 @@ def addition(text: str) -> dict[str, Path]:
     found = (Path(parent, name) for parent, _, names in os.walk(here, followlinks=True) for name in names)
     files = {os.path.join(there, path.relative_to(here)): path.resolve() for path in found if path.is_file()}
     return {target: path for target, path in files.items() if not OWN.fullmatch(target)}
-
-
-def size(text: str) -> int:
-    """Bytes."""
-    if not (match := re.fullmatch("([0-9]+)([KMG]?)", text)):
-        raise argparse.ArgumentTypeError(f"{text}: expected a number, with K, M or G if need be")
-    return int(match[1]) * UNITS[match[2]]
 
 
 def system(text: str) -> Path:
@@ -85,8 +77,6 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
                         help="put a file, a program with its libraries, or a folder on the device, at TARGET")
     parser.add_argument("--setting", action="append", default=[], type=setting,
                         metavar="KEY=VALUE", help="set a value of the configuration store")
-    parser.add_argument("--room", type=size, default="1G", metavar="SIZE",
-                        help="free room on the device, e.g. 64M (default: %(default)s)")
     parser.add_argument("--once", action="store_true", help="leave out the second attempt")
     parser.add_argument("--timeout", type=seconds, metavar="SECONDS",
                         help="stop an attempt that takes longer")
@@ -94,7 +84,6 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
     parser.add_argument("--unconfined", action="store_true",
                         help="run the bundle even where run.sh can reach this machine")
     parser.add_argument("--no-install", action="store_true", help="do not install packages that are missing")
-    parser.add_argument("--keep", action="store_true", help="keep a copy of the device's files")
     parser.add_argument("--shell", action="store_true", help="start a shell on the device after the attempts")
     arguments = parser.parse_args()
     if len(arguments.bundle) > 2 or (arguments.key and len(arguments.bundle) == 1):

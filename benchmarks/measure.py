@@ -2,6 +2,11 @@
 the same two downloads. benchmarks/README.md explains the columns.
 """
 
+from device import alone
+
+if __name__ == "__main__":
+    alone.enter()
+
 import argparse
 import os
 import re

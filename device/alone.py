@@ -9,33 +9,35 @@ leaves is ended and removed afterwards; but after SIGKILL, some of it may stay.
 """
 
 import ctypes
+import json
 import os
+import select
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 from collections.abc import Iterator
-from contextlib import contextmanager, suppress
+from contextlib import contextmanager
 from pathlib import Path
 
+SHARED_MEMORY = "/dev/shm"  # on every machine, and short: the path of a socket holds 108 bytes
 VARIABLE = "ZELO_ALONE"  # says where the directory is
-BWRAP = ("bwrap", "--die-with-parent", "--as-pid-1", "--unshare-pid", "--unshare-net", "--dev-bind", "/", "/")
+BWRAP = ("/usr/bin/env", "bwrap", "--die-with-parent", "--as-pid-1", "--unshare-pid", "--unshare-net",
+         "--dev-bind", "/", "/", "--info-fd", "2")
 AS_ROOT = ("--unshare-user", "--uid", "0", "--gid", "0", "--cap-add", "ALL")
-# Before the command, it asks whether the launcher is still there; any later end of that is noticed.
+# The system reaps orphans. It ends when nobody can write to its standard input any more.
 FIRST_PROCESS = """
-mount -t proc proc /proc && mkdir -p "$1" && mount -t tmpfs -o mode=1777 tmpfs "$1" || exit
-shift
-trap : INT
-(echo >&2 && read -r _ <&2 && exec "$@" 2>&{stderr} {stderr}>&-)
-exit
+mount -t proc proc /proc && mount -t tmpfs -o mode=1777 tmpfs "$1" || exit
+echo ready
+exec env --ignore-signal=CHLD cat
 """
-FROM_TERMINAL = (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP)
-PASSED_ON = {*FROM_TERMINAL, signal.SIGTERM}
-TAKEN = {*PASSED_ON, signal.SIGCHLD}
-ENDS = {*PASSED_ON, signal.SIGABRT, signal.SIGKILL, signal.SIGPIPE, signal.SIGSEGV}
-SENT_BY_KERNEL = 128  # SI_KERNEL of <signal.h>
-ADOPT_ORPHANS = 36  # PR_SET_CHILD_SUBREAPER of <sys/prctl.h>
+PASSED_ON = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT}
+FROM_TERMINAL = 128  # SI_KERNEL of <signal.h>
+
+# From <sched.h> and <sys/prctl.h>.
+_MOUNTS, _USERS, _PROCESSES, _NETWORK = 0x00020000, 0x10000000, 0x20000000, 0x40000000
+_SIGNAL_WHEN_PARENT_ENDS, _ADOPT_ORPHANS = 1, 36
+_libc = ctypes.CDLL(None)
 
 
 def place() -> Path:
@@ -69,87 +71,81 @@ def directory() -> Iterator[Path]:
         _remove(path)
 
 
-def _main(command: list[str]) -> None:
-    signal.pthread_sigmask(signal.SIG_BLOCK, TAKEN)
+def enter() -> None:
+    """Returns in a new process, which is alone. The one that calls this ends as the new one does."""
+    before = signal.pthread_sigmask(signal.SIG_BLOCK, {*PASSED_ON, signal.SIGCHLD})
     # What runs alone may start others like that, which see its files.
-    memory = os.environ.get(VARIABLE, "/dev") + "/shm"
-    launched = _start_in_namespaces(command, memory)
-    if launched:
-        status = _attend(launched, below=2)
-    else:
+    memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
+    first = _enter_namespaces(memory)
+    if not first:
+        _libc.prctl(_ADOPT_ORPHANS, 1)
         memory = tempfile.mkdtemp(prefix="zdev.", dir="/tmp")
-        ctypes.CDLL(None).prctl(ADOPT_ORPHANS, 1)
-        status = _attend(_start(["/usr/bin/setpriv", "--pdeathsig=TERM", *command], memory), below=0)
+    os.environ[VARIABLE] = os.environ["TMPDIR"] = memory
+    command = os.fork()
+    if command == 0:
+        if not first:
+            _libc.prctl(_SIGNAL_WHEN_PARENT_ENDS, signal.SIGTERM)
+        if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
+            signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C shows a traceback
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
+        return
+
+    status = _attend(command)
+    if first:
+        signal.pidfd_send_signal(first, signal.SIGKILL)
+        select.select([first], [], [])  # until all have ended
+    else:
         _end_children()
-        _remove(Path(memory))
-    if status - 128 in ENDS:
-        _end_by(status - 128)
-    sys.exit(status)
+        _remove(place())
+    if status < 0:
+        if status != -signal.SIGKILL:
+            signal.signal(-status, signal.SIG_DFL)
+            signal.pthread_sigmask(signal.SIG_UNBLOCK, {-status})
+        os.kill(os.getpid(), -status)
+    os._exit(status)
 
 
-def _start(command: list[str], memory: str, stderr: socket.socket | None = None) -> subprocess.Popen[bytes]:
-    environment = {**os.environ, VARIABLE: memory, "TMPDIR": memory}
-    return subprocess.Popen(command, env=environment, stderr=stderr, close_fds=False,
-                            preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_UNBLOCK, TAKEN))
+def _enter_namespaces(memory: str) -> int | None:
+    """Moves this process into new ones, and all that it starts from now on. Returns a descriptor of the first
+    process there, with which all others end, or None where namespaces are refused.
+    """
+    namespaces = _MOUNTS | _PROCESSES | _NETWORK | (_USERS if os.geteuid() != 0 else 0)
+    user = AS_ROOT if namespaces & _USERS else ()
+    command = [*BWRAP, *user, "/bin/sh", "-c", FIRST_PROCESS, "sh", memory]
+    # Not on the terminal, whose signals are for the command. The pipe is open until this process ends.
+    bwrap = subprocess.Popen(command, stdin=os.pipe()[0], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             start_new_session=True)
+    if not (bwrap.stdout and bwrap.stderr and bwrap.stdout.readline()):
+        return None
+    first = os.pidfd_open(json.load(bwrap.stderr)["child-pid"])
+    here = os.getcwd()
+    if _libc.setns(first, namespaces) != 0:
+        return None
+    os.chdir(here)
+    return first
 
 
-def _start_in_namespaces(command: list[str], memory: str) -> subprocess.Popen[bytes] | None:
-    """None where they are refused."""
-    # The terminal sends its signals to all, and bwrap would end everything.
-    taken = ",".join(signum.name for signum in FROM_TERMINAL if signal.getsignal(signum) != signal.SIG_IGN)
-    here, there = socket.socketpair()
-    stderr = os.dup(2)
-    os.set_inheritable(stderr, True)
-    first = ["/bin/sh", "-c", FIRST_PROCESS.format(stderr=stderr), "sh", memory]
-    launched = _start(["/usr/bin/env", f"--ignore-signal={taken}", *BWRAP, *(AS_ROOT if os.geteuid() else ()),
-                       "/usr/bin/env", f"--default-signal={taken}", *first, *command], memory, there)
-    os.close(stderr)
-    there.close()
-    with here:
-        ready = here.recv(1) == b"\n"
-        for signum in signal.sigpending() & PASSED_ON:  # it may have come too early for the command
-            _end_by(signum)
-        if ready:
-            here.send(b"\n")
-            return launched
-    launched.wait()
-    return None
-
-
-def _attend(launched: subprocess.Popen[bytes], below: int) -> int:
-    """The exit status of the command, which is so far below `launched`; or 128 and the signal that ended it."""
-    while (status := launched.poll()) is None:
-        got = signal.sigwaitinfo(TAKEN)
+def _attend(command: int) -> int:
+    """The exit status or the negative signal number of the command, once it has ended."""
+    while True:
+        got = signal.sigwaitinfo({*PASSED_ON, signal.SIGCHLD})
         # The terminal sends it to the command, too.
-        if got.si_signo in PASSED_ON and got.si_code != SENT_BY_KERNEL:
-            with suppress(OSError, IndexError):  # it has just ended
-                command = launched.pid
-                for _ in range(below):
-                    command = _children(command)[0]
-                os.kill(command, got.si_signo)
-    return status if status >= 0 else 128 - status
-
-
-def _children(pid: int) -> list[int]:
-    return [int(child) for child in Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
+        if got.si_signo in PASSED_ON and got.si_code != FROM_TERMINAL:
+            os.kill(command, got.si_signo)
+        pid, status = os.waitpid(command, os.WNOHANG)
+        if pid == command:
+            return os.waitstatus_to_exitcode(status)
 
 
 def _end_children() -> None:
     """With those that have lost their parents."""
     while True:
-        for pid in _children(os.getpid()):
-            os.kill(pid, signal.SIGKILL)
+        for pid in Path(f"/proc/self/task/{os.getpid()}/children").read_text().split():
+            os.kill(int(pid), signal.SIGKILL)
         try:
             os.wait()
         except ChildProcessError:
             return
-
-
-def _end_by(signum: int) -> None:
-    with suppress(OSError):  # SIGKILL's action is fixed
-        signal.signal(signum, signal.SIG_DFL)
-    signal.pthread_sigmask(signal.SIG_UNBLOCK, {signum})
-    os.kill(os.getpid(), signum)
 
 
 def _remove(path: Path) -> None:
@@ -159,4 +155,11 @@ def _remove(path: Path) -> None:
 if __name__ == "__main__":
     if len(sys.argv) == 1:
         sys.exit(__doc__)
-    _main(sys.argv[1:])
+    enter()
+    for signum in (signal.SIGPIPE, signal.SIGXFSZ):  # which the interpreter ignores
+        signal.signal(signum, signal.SIG_DFL)
+    try:
+        os.execvp(sys.argv[1], sys.argv[1:])
+    except OSError as error:
+        print(f"alone: {sys.argv[1]}: {error.strerror}", file=sys.stderr)
+        sys.exit(127)

@@ -2,6 +2,9 @@
 
 import sys
 
+from device import alone
+
+alone.enter()
 del sys.argv[0]
 
 from command import run_command  # noqa: E402

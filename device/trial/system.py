@@ -70,19 +70,19 @@ def furnish(device: VirtualDevice) -> None:
 
 def _overlay(own: Path, root: Path) -> bool:
     """Whether the author's system could be laid under the root."""
-    if not alone.confined() or (one_user() and own.stat().st_uid != 0):  # what is others' could not be changed
-        return False
+    if not alone.confined() or (one_user() and own.stat().st_uid != 0):
+        return False  # what belongs to others could not be changed there
     upper, work = root.with_name("upper"), root.with_name("work")
     work.mkdir()
     upper.mkdir()
     upper.chmod(own.stat().st_mode)
     # Nobody on the device is to use the author's device nodes, which may be this machine's.
     options = f"nodev,userxattr,lowerdir={own},upperdir={upper},workdir={work}"
-    command = ["/usr/bin/mount", "-t", "overlay", "-o", options, "overlay", root]
     try:
         os.setxattr(upper, "user.overlay.try", b"y")  # or directories could not be replaced later
     except OSError:
         return False
+    command = ("/usr/bin/mount", "-t", "overlay", "-o", options, "overlay", str(root))
     return subprocess.run(command, capture_output=True, check=False).returncode == 0
 
 
@@ -95,7 +95,7 @@ def _copy_tree(source: Path, target: Path) -> None:
 
 
 def _followed(root: Path, path: str) -> Path:
-    """Where an absolute path of the device is here, if it is a link where that leads to."""
+    """Where an absolute path of the device leads to here."""
     return inside(root, f"{path}/.")
 
 

@@ -34,7 +34,7 @@ def confine(root: Path) -> list[str]:
     # Through an open descriptor, root could change the mode of this machine's.
     alone.mount("-o", "bind,ro,nosuid,noexec", "/dev/null", "/dev/null")
     mounts = ("--dev-bind", str(root), "/", "--proc", "/proc", "--remount-ro", "/proc")
-    return ["/usr/bin/nsenter", f"--user={_user_namespace()}", *BWRAP, *mounts, *FIRST_PROCESS]
+    return ["/usr/bin/nsenter", "--preserve-credentials", f"--user={_user_namespace()}", *BWRAP, *mounts, *FIRST_PROCESS]
 
 
 def _user_namespace() -> Path:

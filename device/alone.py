@@ -1,8 +1,8 @@
 """Runs a command alone: /usr/bin/python3 -m device.alone COMMAND [ARGUMENT]...
 
-The command gets namespaces for its processes, mounts and network, and a directory in memory that only it sees.
-Root keeps all user ids; anybody else is root in there. When the command ends, or the process that was started
-ends, whatever the reason, all of that is gone.
+The command gets namespaces for its processes, mounts and network, and a directory in memory that only it
+sees. Root keeps all user ids; anybody else is root in there. When the command ends, or the process that was
+started ends, whatever the reason, all of that is gone.
 
 Where namespaces are refused, e.g. in a plain container, the directory is one under /tmp. What the command
 leaves is ended and removed afterwards; but after SIGKILL, some of it may stay.
@@ -156,10 +156,5 @@ if __name__ == "__main__":
     if len(sys.argv) == 1:
         sys.exit(__doc__)
     enter()
-    for signum in (signal.SIGPIPE, signal.SIGXFSZ):  # which the interpreter ignores
-        signal.signal(signum, signal.SIG_DFL)
-    try:
-        os.execvp(sys.argv[1], sys.argv[1:])
-    except OSError as error:
-        print(f"alone: {sys.argv[1]}: {error.strerror}", file=sys.stderr)
-        sys.exit(127)
+    # The interpreter ignores these.
+    os.execv("/usr/bin/env", ["env", "--default-signal=SIGPIPE,SIGXFSZ", *sys.argv[1:]])

@@ -1,8 +1,8 @@
 """Keeps what happens on a device away from this machine: everything there runs in namespaces.
 
-The device's root is the root of all mounts, and /proc shows only the command's own processes. They end with the
-command, and the command ends with the process that started it. It is root in a user namespace below ours,
-without the right to change its mounts.
+The device's root is the root of all mounts, and /proc shows only the command's own processes. They end with
+the command, and the command ends with the process that started it. It is root in a user namespace below ours,
+but cannot mount: otherwise it could mount a /proc that can be written, and /proc/sys takes root for its owner.
 """
 
 import os
@@ -12,9 +12,10 @@ from pathlib import Path
 from device import alone
 from device.virtual_device import VirtualDevice
 
-BWRAP = ("/usr/bin/bwrap", "--die-with-parent", "--as-pid-1", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
-         "--cap-drop", "CAP_SYS_ADMIN", "--cap-drop", "CAP_SYS_BOOT", "--chdir", "/")
-# The device's own: through /proc, root could change the mode of a program of this machine. It says nothing itself.
+BWRAP = ("/usr/bin/bwrap", "--die-with-parent", "--as-pid-1", "--unshare-pid", "--unshare-ipc",
+         "--unshare-uts", "--cap-drop", "CAP_SYS_ADMIN", "--cap-drop", "CAP_SYS_BOOT", "--chdir", "/")
+# A program of the device, because root could change the mode of one of this machine's through /proc/1/exe.
+# Signals do not end the first process of a namespace, unless they come from outside. It says nothing itself.
 FIRST_PROCESS = ("/bin/sh", "-c", 'exec 3>&2 2>/dev/null; (exec "$@" 2>&3 3>&-); exit', "sh")
 DEVICES = ("zero", "full", "random", "urandom")
 LINKS = {"fd": "/proc/self/fd", "stdin": "fd/0", "stdout": "fd/1", "stderr": "fd/2"}
@@ -34,22 +35,22 @@ def confine(root: Path) -> list[str]:
     # Through an open descriptor, root could change the mode of this machine's.
     alone.mount("-o", "bind,ro,nosuid,noexec", "/dev/null", "/dev/null")
     mounts = ("--dev-bind", str(root), "/", "--proc", "/proc", "--remount-ro", "/proc")
-    return ["/usr/bin/nsenter", "--preserve-credentials", f"--user={_user_namespace()}", *BWRAP, *mounts, *FIRST_PROCESS]
+    users = ("/usr/bin/nsenter", "--preserve-credentials", f"--user={_user_namespace()}")
+    return [*users, *BWRAP, *mounts, *FIRST_PROCESS]
 
 
 def _user_namespace() -> Path:
     """A new one with the ids of this process."""
-    inside = subprocess.Popen(["/usr/bin/unshare", "--user", "/bin/sh", "-c", "kill -STOP $$"])
-    os.waitpid(inside.pid, os.WUNTRACED)
-    for name in "uid_map", "gid_map":
-        ids = (line.split() for line in Path(f"/proc/self/{name}").read_text().splitlines())
-        same = "".join(f"{first} {first} {count}\n" for first, _, count in ids)
-        Path(f"/proc/{inside.pid}/{name}").write_text(same)
     path = alone.place() / "user-namespace"
     path.touch()
-    alone.mount("--bind", f"/proc/{inside.pid}/ns/user", path)
-    inside.kill()
-    inside.wait()
+    with subprocess.Popen(["/usr/bin/unshare", "--user", "/bin/sh", "-c", "kill -STOP $$"]) as inside:
+        os.waitpid(inside.pid, os.WUNTRACED)
+        for name in "uid_map", "gid_map":
+            ids = (line.split() for line in Path(f"/proc/self/{name}").read_text().splitlines())
+            same = "".join(f"{first} {first} {count}\n" for first, _, count in ids)
+            Path(f"/proc/{inside.pid}/{name}").write_text(same)
+        alone.mount("--bind", f"/proc/{inside.pid}/ns/user", path)
+        inside.kill()
     return path
 
 

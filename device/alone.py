@@ -62,7 +62,7 @@ def directory() -> Iterator[Path]:
     """A new directory for as long as the context, with all that is put or mounted there."""
     path = Path(tempfile.mkdtemp(dir=place()))
     if confined():
-        mount("-t", "tmpfs", "tmpfs", path)
+        mount("-t", "tmpfs", "-o", "nodev", "tmpfs", path)
     try:
         yield path
     finally:

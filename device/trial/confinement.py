@@ -2,7 +2,7 @@
 
 The device's root is the root of all mounts, and /proc shows only the command's own processes. They end with
 the command, and the command ends with the process that started it. It is root in a user namespace below ours,
-but cannot mount: otherwise it could mount a /proc that can be written, and /proc/sys takes root for its owner.
+but cannot mount: it could mount a /proc for writing, and /proc/sys takes root for its owner.
 """
 
 import os

@@ -3,7 +3,7 @@
 import os
 import re
 from collections import Counter
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Sequence
 
 LONGEST = 4096
 WIDTH, MANY = 80, 10
@@ -39,3 +39,13 @@ def shortened(texts: Iterable[str]) -> list[str]:
     counts = Counter(text if len(text) <= WIDTH else f"{text[:WIDTH]}..." for text in texts)
     lines = [text if count == 1 else f"{text} ({count} times)" for text, count in counts.items()]
     return lines if len(lines) <= MANY else [*lines[:MANY], f"{len(lines) - MANY} more"]
+
+
+def listed(texts: Iterable[str]) -> str:
+    return ", ".join(shortened(texts))
+
+
+def show(title: str, lines: Sequence[str]) -> None:
+    """A title and its lines; nothing without any."""
+    for line in (f"{title}:", *(f"  {line}" for line in lines)) if lines else ():
+        print(printable(line))

@@ -27,8 +27,8 @@ def publish(device: VirtualDevice, arguments: Namespace) -> None:
         findings = check_bundle(document, archive, arguments.key, Path(scratch)).findings
     show("check-bundle", [f"{each.subject}: {each.severity}: {each.text}" for each in findings] or ["ok"])
     bundle = Bundle(archive.read_bytes(), document.read_bytes())
-    # An address that devices refuse stays as it is, so that this one refuses it, too.
-    if not any(each.severity == "error" and each.kind.startswith("address") for each in findings):
+    # What devices refuse stays as it is, so that this one refuses it, too.
+    if not any(each.severity == "error" and each.kind.startswith(("address", "document")) for each in findings):
         bundle = bundle.with_url(device.url(ARCHIVE))
         print("the document's address is replaced by that of the local server")
     device.publish(bundle)

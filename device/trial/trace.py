@@ -100,7 +100,7 @@ class Trace:
         elif name.startswith("dup"):
             if channel and channel[2]:
                 process.stdout = channel[1]
-        elif channel:
+        elif channel and result != "0":
             cut = b" [...]\n" if '"...' in arguments else b""
             text = b"".join(map(unquoted, TEXT.findall(arguments))) + cut
             return channel[1], text or b"[%s bytes]\n" % result.encode()

@@ -18,7 +18,7 @@ ROOT = Path(__file__).resolve().parents[2]
 COMMAND = [sys.executable, "-m", "device.commands", "try-bundle"]
 DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before it reaches its script"
 SHOWN = r"""#!/bin/sh -e
-printf 'caf\303\251 \377\033[1m\n' >&2
+printf 'caf\303\251 \377\302\233\n' >&2
 echo progress
 mkdir /new
 rm /etc/group
@@ -73,7 +73,7 @@ def test_what_is_shown(build: Path, source: Path) -> None:
     write(source, SHOWN)
     status, said = attempt(build, source)
     events = [line.partition(" s  ")[2] for line in said.splitlines()]
-    for event in ("stderr   caf\\xc3\\xa9 \\xff\\x1b[1m", "stdout   progress  (dropped on a device)",
+    for event in ("stderr   caf\\xc3\\xa9 \\xff\\xc2\\x9b", "stdout   progress  (dropped on a device)",
                   "stderr   env: can't execute 'nosuch': No such file or directory"):
         assert event in events
     first = said.partition("run.sh ended with ")[2].partition("second attempt:")[0]

@@ -47,5 +47,7 @@ def listed(texts: Iterable[str]) -> str:
 
 def show(title: str, lines: Sequence[str]) -> None:
     """A title and its lines; nothing without any."""
-    for line in (f"{title}:", *(f"  {line}" for line in lines)) if lines else ():
-        print(printable(line))
+    if lines:
+        print(f"{title}:")
+    for line in lines:
+        print(f"  {printable(line)}")

@@ -198,8 +198,6 @@ class VirtualDevice:
         make_null_device(self.path("/dev/null"))
         if os.environ.get("ZELO_DEVICE_PROC"):  # which the sanitizers read
             alone.mount("--bind", "/proc", self.path("/proc"))
-        self.write("/etc/hosts", f"127.0.0.1 localhost {HOST}\n")
-        self.write("/etc/nsswitch.conf", "hosts: files\n")
         self.write("/etc/device-info", DEVICE_INFO)
         self.write(AUTHORITIES, authority(AUTHORITY).cert_pem.bytes())
         for name in ("prod", "dev"):

@@ -1,18 +1,15 @@
 """Puts the author's bundle where the device downloads it."""
 
-import os
-import subprocess
-import textwrap
 from argparse import Namespace
 from pathlib import Path
+from tempfile import TemporaryDirectory
 
-from bundle_rules import Report, check_document
+from bundle_rules import check_bundle
 
-from device.bundles import TOOL, Bundle, pack
+from device.bundles import Bundle, pack
 from device.cases import PROD
+from device.trial.lines import show
 from device.virtual_device import ARCHIVE, VirtualDevice
-
-CHECKER = TOOL.with_name("check-bundle")
 
 
 def publish(device: VirtualDevice, arguments: Namespace) -> None:
@@ -20,25 +17,18 @@ def publish(device: VirtualDevice, arguments: Namespace) -> None:
         device.publish(pack(arguments.bundle[0], device.keys.private("prod"), device.url(ARCHIVE)))
         print("signed with a new key, which is on the device")
         return
-    document, archive = (path.read_bytes() for path in arguments.bundle)
+    document, archive = arguments.bundle
     if not arguments.key:
-        device.publish(device.sign(archive))
+        device.publish(device.sign(archive.read_bytes()))
         print("re-signed with a new key, which is on the device; your document is not used")
         return
     device.write(PROD, arguments.key.read_bytes())
-    bundle = Bundle(archive, document)
-    check = [CHECKER, *arguments.bundle, arguments.key]
-    checked = subprocess.run(check, stdout=subprocess.PIPE, check=False).stdout
-    print("check-bundle:\n" + textwrap.indent(os.fsdecode(checked), "  "), end="")
-    # What devices refuse stays as it is, so that this one does too.
-    if not refused(arguments.bundle[0]):
+    with TemporaryDirectory() as scratch:
+        findings = check_bundle(document, archive, arguments.key, Path(scratch)).findings
+    show("check-bundle", [f"{each.subject}: {each.severity}: {each.text}" for each in findings] or ["ok"])
+    bundle = Bundle(archive.read_bytes(), document.read_bytes())
+    # What devices refuse stays as it is, so that this one refuses it, too.
+    if not any(each.severity == "error" and each.kind.startswith(("address", "document")) for each in findings):
         bundle = bundle.with_url(device.url(ARCHIVE))
         print("the document's address is replaced by that of the local server")
     device.publish(bundle)
-
-
-def refused(document: Path) -> bool:
-    """Whether devices download nothing for this document."""
-    report = Report()
-    check_document(document, report)
-    return report.has_error()

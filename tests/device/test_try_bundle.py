@@ -42,6 +42,7 @@ mknod /disk b 8 0
 mount -t sysfs none /mnt
 mount -t cgroup2 none /mnt
 hostname another
+readlink /proc/1/exe | grep bwrap
 """
 
 

@@ -43,6 +43,7 @@ mount -t sysfs none /mnt
 mount -t cgroup2 none /mnt
 mount -t proc none /mnt
 hostname another
+readlink /proc/1/exe | grep bwrap
 """
 
 

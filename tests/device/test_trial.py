@@ -1,5 +1,7 @@
 """What is concluded from what was seen of a bundle's attempts."""
 
+from collections.abc import Sequence
+
 import pytest
 
 from device.trial.lines import shortened
@@ -57,8 +59,9 @@ def test_what_is_written() -> None:
                        ("socket:[45]", b"[70 bytes]\n"), ("pipe:[44]", b"cut [...]\n")]
 
 
-def attempt(lines: str = "", end: str = ENDED, stderr: bool = False, changed: bool = True) -> Attempt:
-    return Attempt(traced(STARTED + lines + end)[0], stderr=stderr, changes=["added    /x"] if changed else [])
+def attempt(lines: str = "", end: str = ENDED, stderr: bool = False,
+            changes: Sequence[str] = ("added    /x",)) -> Attempt:
+    return Attempt(traced(STARTED + lines + end)[0], stderr=stderr, changes=changes)
 
 
 def failed(code: str, start: str = STARTED) -> Attempt:
@@ -70,7 +73,7 @@ REMOUNT = "8 mount(NULL, \"/\", NULL, MS_REMOUNT, NULL) = -1 EPERM (Operation no
 
 
 @pytest.mark.parametrize("attempts, lines, status", [
-    ([attempt(changed=False)], ["installed, but", "  nothing changed on the device"], 0),
+    ([attempt(changes=())], ["installed, but", "  nothing changed on the device"], 0),
     ([attempt(stderr=True, end=ENDED.replace("exited with 0", "killed by SIGKILL", 1))],
      ["installed, but", "  run.sh ended with SIGKILL, which counts as success",
       "  something was written on standard error"], 0),

@@ -78,8 +78,9 @@ def test_what_is_shown(build: Path, source: Path) -> None:
         assert event in events
     first = said.partition("run.sh ended with ")[2].partition("second attempt:")[0]
     assert first.splitlines() == [
-        "status 0", "programs of run.sh that failed, perhaps as intended:", "  awk BEGIN { exit 3 }: status 3",
-        "  env nosuch: status 127", "programs not found:", "  nosuch", "left running:", "  sleep 1000",
+        "status 0", "programs of run.sh that failed, perhaps as intended:",
+        "  awk BEGIN { exit 3 }: status 3", "  env nosuch: status 127",
+        "programs not found:", "  nosuch", "left running:", "  sleep 1000",
         "changes by the first attempt, without the daemon's own files:",
         "  changed  /etc/device-info (-rw-r--r-- 0:0, now -rw------- 0:0)", "  removed  /etc/group",
         "  added    /etc/link (lrwxrwxrwx 0:0 to /x)", "  changed  /etc/passwd (content)",

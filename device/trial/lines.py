@@ -31,7 +31,7 @@ class Lines:
 
 def printable(text: str) -> str:
     """Without what would act on a terminal or is not text."""
-    return re.sub("[\0-\x08\x0a-\x1f\x7f-\x9f\udc80-\udcff]", lambda match: f"\\x{ord(match[0]) & 0xff:02x}", text)
+    return re.sub("[\0-\x08\x0a-\x1f\x7f-\x9f\udc80-\udcff]", lambda it: f"\\x{ord(it[0]) & 0xff:02x}", text)
 
 
 def shortened(texts: Iterable[str]) -> list[str]:

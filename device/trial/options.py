@@ -41,8 +41,8 @@ def system(text: str) -> Path:
 
 def parse_arguments(description: str | None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
-        prog="./try-bundle", usage="%(prog)s [OPTION]... DIRECTORY | DOCUMENT ARCHIVE", description=description,
-        epilog=EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter)
+        prog="./try-bundle", usage="%(prog)s [OPTION]... DIRECTORY | DOCUMENT ARCHIVE",
+        description=description, epilog=EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("bundle", nargs="+", type=Path, metavar="DIRECTORY | DOCUMENT ARCHIVE",
                         help="the files of a bundle, or a bundle as make-bundle writes it")
     parser.add_argument("--key", type=Path, metavar="PUBLIC",

@@ -8,7 +8,8 @@ from dataclasses import dataclass, field
 from device.rootfs import DAEMON
 
 # Not every machine has all of them. The last ones need privileges.
-CALLS = ("?execve,?execveat,?fork,?vfork,?clone,?clone3,?dup2,?dup3,?write,?writev,?sendfile,?sendto,?sendmsg,"
+CALLS = ("?execve,?execveat,?fork,?vfork,?clone,?clone3,?dup2,?dup3,"
+         "?write,?writev,?sendfile,?sendto,?sendmsg,"
          "?mount,?umount2,?mknod,?mknodat,?reboot,?sethostname,?settimeofday,?clock_settime,?finit_module")
 STRACE = ["/usr/bin/strace", "-f", "-q", "-y", "--decode-pids=pidns", "--seccomp-bpf",
           "--string-limit=4096", f"--trace={CALLS}"]

@@ -39,14 +39,14 @@ def judge(first: Attempt, second: Attempt | None = None, *, strict: bool) -> tup
     dead = bool(second and again and not second.trace.script and not second.stopped)
     if failure := first.failure():
         return [f"NOT INSTALLED: {failure}", *([f"{DEAD} ({again})"] if dead else [])], 1
-    trace = first.trace
+    trace, left = first.trace, first.trace.running().values()
     script_end = trace.script.end if trace.script else ""
     remarks: dict[str, object] = {
         f"run.sh ended with {script_end}, which counts as success": not script_end.startswith("status"),
         f"not found: {listed(trace.not_found)}": trace.not_found,
         f"refused here, but perhaps not on a device: {listed(trace.refused)}": trace.refused,
         "something was written on standard error": first.stderr,
-        f"left running, until the service unit kills them: {listed(trace.running().values())}": trace.running(),
+        f"left running, until the service unit kills them: {listed(left)}": left,
         "nothing changed on the device": not first.changes,
         f"{DEAD} ({again})": dead,
         f"the second attempt fails: {again}": again and not dead,

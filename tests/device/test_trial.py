@@ -1,5 +1,7 @@
 """What is concluded from what was seen of a bundle's attempts."""
 
+from collections.abc import Sequence
+
 import pytest
 
 from device.trial.lines import shortened
@@ -28,19 +30,22 @@ def traced(lines: str) -> tuple[Trace, list[tuple[str, bytes]]]:
     (FORKED + RAN + "9 +++ exited with 1 +++\n", ["a b c: status 1"], [], []),
     (FORKED + RAN + "9 +++ killed by SIGSEGV (core dumped) +++\n", ["a b c: SIGSEGV"], [], []),
     (FORKED + MISSED + "9 +++ exited with 127 +++\n", [], ["a"], []),
+    (FORKED + MISSED + "9 +++ exited with 1 +++\n", [], [], []),
     (FORKED + MISSED + RAN + "9 +++ exited with 127 +++\n", ["a b c: status 127"], [], []),
     (FORKED + "9 +++ exited with 2 +++\n", [], [], []),  # a copy of a shell
     ("8 vfork( <unfinished ...>\n" + RAN + "9 +++ exited with 3 +++\n"
      "8 <... vfork resumed>) = 4 /* 9 in strace's PID NS */\n", ["a b c: status 3"], [], []),
+    ("7" + FORKED[1:] + RAN + "9 +++ exited with 1 +++\n", [], [], []),  # the daemon's own
     (FORKED + RAN, [], [], ["a b c"]),
     (FORKED, [], [], ["run.sh"]),
     (FORKED.replace("SIGCHLD", "CLONE_THREAD"), [], [], []),
 ])
 def test_what_became_of_programs(lines: str, failed: list[str], not_found: list[str],
                                  left: list[str]) -> None:
-    trace, _ = traced(STARTED + lines + ENDED + "9 +++ killed by SIGKILL +++\n")
+    trace, _ = traced(STARTED + lines + "8 +++ exited with 2 +++\n7 +++ exited with 0 +++\n"
+                      "9 +++ killed by SIGKILL +++\n")
     assert (trace.failed(), trace.not_found, list(trace.running().values())) == (failed, not_found, left)
-    assert trace.script and (trace.script.end, trace.daemon.end) == ("status 0", "status 0")
+    assert trace.script and (trace.script.end, trace.daemon.end) == ("status 2", "status 0")
 
 
 def test_what_is_written() -> None:
@@ -49,6 +54,7 @@ def test_what_is_written() -> None:
 8 write(1</log>, "elsewhere", 9) = 9
 9 writev(3<pipe:[44]>, [{iov_base="a", iov_len=1}, {iov_base="b\n", iov_len=2}], 2) = 3
 9 sendfile(2<socket:[45]>, 4</x>, NULL, 16777216) = 70
+9 sendfile(1<pipe:[44]>, 4</x>, NULL, 16777216) = 0
 9 write(1<pipe:[44]>, "cut"..., 5000 <unfinished ...>
 9 <... write resumed>) = 5000
 ''')
@@ -57,8 +63,9 @@ def test_what_is_written() -> None:
                        ("socket:[45]", b"[70 bytes]\n"), ("pipe:[44]", b"cut [...]\n")]
 
 
-def attempt(lines: str = "", end: str = ENDED, stderr: bool = False, changed: bool = True) -> Attempt:
-    return Attempt(traced(STARTED + lines + end)[0], stderr=stderr, changes=["added    /x"] if changed else [])
+def attempt(lines: str = "", end: str = ENDED, stderr: bool = False,
+            changes: Sequence[str] = ("added    /x",)) -> Attempt:
+    return Attempt(traced(STARTED + lines + end)[0], stderr=stderr, changes=changes)
 
 
 def failed(code: str, start: str = STARTED) -> Attempt:
@@ -70,14 +77,15 @@ REMOUNT = "8 mount(NULL, \"/\", NULL, MS_REMOUNT, NULL) = -1 EPERM (Operation no
 
 
 @pytest.mark.parametrize("attempts, lines, status", [
-    ([attempt(changed=False)], ["installed, but", "  nothing changed on the device"], 0),
+    ([attempt(changes=())], ["installed, but", "  nothing changed on the device"], 0),
     ([attempt(stderr=True, end=ENDED.replace("exited with 0", "killed by SIGKILL", 1))],
      ["installed, but", "  run.sh ended with SIGKILL, which counts as success",
       "  something was written on standard error"], 0),
-    ([attempt(FORKED + REMOUNT)],
+    ([attempt(FORKED + REMOUNT + REMOUNT.replace("mount", "umount2").replace("EPERM", "EBUSY"))],
      ["installed, but", "  refused here, but perhaps not on a device: mount",
       "  left running, until the service unit kills them: run.sh"], 0),
     ([attempt(), failed("03")], ["installed, but", "  the second attempt fails: code 03"], 0),
+    ([attempt(), failed("00", DAEMON + "\n")], ["installed, but", f"  {DEAD}"], 1),
     ([attempt(), Attempt(stopped="stopped by SIGINT")],
      ["installed, but", "  the second attempt fails: stopped by SIGINT"], 0),
     ([failed("03"), failed("00", DAEMON + "\n")], ["NOT INSTALLED: code 03", DEAD], 1),

@@ -1,13 +1,17 @@
 """Runs a command alone: /usr/bin/python3 -m device.alone COMMAND [ARGUMENT]...
 
-The command gets namespaces for its users, processes and mounts, and a directory in memory that only it sees.
-When it ends, or the process that was started ends, whatever the reason, all of that is gone.
+The command gets namespaces for its processes, mounts and network, and a directory in memory that only it
+sees. Root keeps all user ids; anybody else is root in there. When the command ends, or the process that was
+started ends, whatever the reason, all of that is gone.
 
 Where namespaces are refused, e.g. in a plain container, the directory is one under /tmp. What the command
 leaves is ended and removed afterwards; but after SIGKILL, some of it may stay.
 """
 
+import ctypes
+import json
 import os
+import select
 import signal
 import subprocess
 import sys
@@ -16,12 +20,24 @@ from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
-from device import namespaces
-
 SHARED_MEMORY = "/dev/shm"  # on every machine, and short: the path of a socket holds 108 bytes
 VARIABLE = "ZELO_ALONE"  # says where the directory is
+BWRAP = ("/usr/bin/env", "bwrap", "--die-with-parent", "--as-pid-1", "--unshare-pid", "--unshare-net",
+         "--dev-bind", "/", "/", "--info-fd", "2")
+AS_ROOT = ("--unshare-user", "--uid", "0", "--gid", "0", "--cap-add", "ALL")
+# The system reaps orphans. It ends when nobody can write to its standard input any more.
+FIRST_PROCESS = """
+mount -t proc proc /proc && mount -t tmpfs -o mode=1777 tmpfs "$1" || exit
+echo ready
+exec env --ignore-signal=CHLD cat
+"""
 PASSED_ON = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT}
 FROM_TERMINAL = 128  # SI_KERNEL of <signal.h>
+
+# From <sched.h> and <sys/prctl.h>.
+_MOUNTS, _USERS, _PROCESSES, _NETWORK = 0x00020000, 0x10000000, 0x20000000, 0x40000000
+_SIGNAL_WHEN_PARENT_ENDS, _ADOPT_ORPHANS = 1, 36
+_libc = ctypes.CDLL(None)
 
 
 def place() -> Path:
@@ -37,12 +53,16 @@ def confined() -> bool:
     return place().is_mount()
 
 
+def mount(*arguments: str | Path) -> None:
+    subprocess.run(["/usr/bin/mount", *arguments], check=True)
+
+
 @contextmanager
 def directory() -> Iterator[Path]:
     """A new directory for as long as the context, with all that is put or mounted there."""
     path = Path(tempfile.mkdtemp(dir=place()))
     if confined():
-        namespaces.mount("-t", "tmpfs", "tmpfs", path)
+        mount("-t", "tmpfs", "-o", "nodev", "tmpfs", path)
     try:
         yield path
     finally:
@@ -56,15 +76,15 @@ def enter() -> None:
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {*PASSED_ON, signal.SIGCHLD})
     # What runs alone may start others like that, which see its files.
     memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
-    first = namespaces.enter(memory)
+    first = _enter_namespaces(memory)
     if not first:
-        namespaces.adopt_orphans()
+        _libc.prctl(_ADOPT_ORPHANS, 1)
         memory = tempfile.mkdtemp(prefix="zdev.", dir="/tmp")
     os.environ[VARIABLE] = os.environ["TMPDIR"] = memory
     command = os.fork()
     if command == 0:
         if not first:
-            namespaces.die_with_parent(signal.SIGTERM)
+            _libc.prctl(_SIGNAL_WHEN_PARENT_ENDS, signal.SIGTERM)
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C shows a traceback
         signal.pthread_sigmask(signal.SIG_SETMASK, before)
@@ -72,8 +92,8 @@ def enter() -> None:
 
     status = _attend(command)
     if first:
-        os.kill(first, signal.SIGKILL)
-        os.waitpid(first, 0)  # returns when all have ended
+        signal.pidfd_send_signal(first, signal.SIGKILL)
+        select.select([first], [], [])  # until all have ended
     else:
         _end_children()
         _remove(place())
@@ -83,6 +103,26 @@ def enter() -> None:
             signal.pthread_sigmask(signal.SIG_UNBLOCK, {-status})
         os.kill(os.getpid(), -status)
     os._exit(status)
+
+
+def _enter_namespaces(memory: str) -> int | None:
+    """Moves this process into new ones, and all that it starts from now on. Returns a descriptor of the first
+    process there, with which all others end, or None where namespaces are refused.
+    """
+    namespaces = _MOUNTS | _PROCESSES | _NETWORK | (_USERS if os.geteuid() != 0 else 0)
+    user = AS_ROOT if namespaces & _USERS else ()
+    command = [*BWRAP, *user, "/bin/sh", "-c", FIRST_PROCESS, "sh", memory]
+    # Not on the terminal, whose signals are for the command. The pipe is open until this process ends.
+    bwrap = subprocess.Popen(command, stdin=os.pipe()[0], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             start_new_session=True)
+    if not (bwrap.stdout and bwrap.stderr and bwrap.stdout.readline()):
+        return None
+    first = os.pidfd_open(json.load(bwrap.stderr)["child-pid"])
+    here = os.getcwd()
+    if _libc.setns(first, namespaces) != 0:
+        return None
+    os.chdir(here)
+    return first
 
 
 def _attend(command: int) -> int:
@@ -116,10 +156,5 @@ if __name__ == "__main__":
     if len(sys.argv) == 1:
         sys.exit(__doc__)
     enter()
-    for signum in (signal.SIGPIPE, signal.SIGXFSZ):  # which the interpreter ignores
-        signal.signal(signum, signal.SIG_DFL)
-    try:
-        os.execvp(sys.argv[1], sys.argv[1:])
-    except OSError as error:
-        print(f"alone: {sys.argv[1]}: {error.strerror}", file=sys.stderr)
-        sys.exit(127)
+    # The interpreter ignores these.
+    os.execv("/usr/bin/env", ["env", "--default-signal=SIGPIPE,SIGXFSZ", *sys.argv[1:]])

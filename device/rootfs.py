@@ -9,7 +9,7 @@ import subprocess
 from collections.abc import Mapping
 from pathlib import Path
 
-from device import alone, namespaces
+from device import alone
 from device.architecture import architecture, native_build
 from device.services import TransferService
 
@@ -101,7 +101,7 @@ def make_null_device(path: Path) -> None:
     if alone.confined():  # where nobody may make one; this machine's keeps its owner and mode
         path.unlink(missing_ok=True)
         path.touch()
-        namespaces.mount("-o", "bind,ro,nosuid,noexec", "/dev/null", path)
+        alone.mount("-o", "bind,ro,nosuid,noexec", "/dev/null", path)
         return
     try:
         os.mknod(path, 0o666 | stat.S_IFCHR, os.makedev(1, 3))

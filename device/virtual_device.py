@@ -17,7 +17,7 @@ from contextlib import ExitStack
 from pathlib import Path
 from typing import Any
 
-from device import alone, namespaces
+from device import alone
 from device.architecture import architecture
 from device.bundles import SUCCEEDING_SCRIPT, Bundle, make_bundle, sign
 from device.https_server import AUTHORITY, HOST, Content, Server, authority
@@ -153,7 +153,7 @@ class VirtualDevice:
 
     def mount_tmpfs(self, path: str, size: int) -> None:
         """Covers a directory with an empty file system of so many bytes; only where `alone.confined`."""
-        namespaces.mount("-t", "tmpfs", "-o", f"size={size},mode=1777", "tmpfs", self.path(path))
+        alone.mount("-t", "tmpfs", "-o", f"size={size},mode=1777", "tmpfs", self.path(path))
 
     def defer_transfers(self, code: int) -> None:
         """Makes the transfer service put off all transfers with a deferred code; 0 lets them go on."""
@@ -197,9 +197,7 @@ class VirtualDevice:
     def _configure(self) -> None:
         make_null_device(self.path("/dev/null"))
         if os.environ.get("ZELO_DEVICE_PROC"):  # which the sanitizers read
-            namespaces.mount("--bind", "/proc", self.path("/proc"))
-        self.write("/etc/hosts", f"127.0.0.1 localhost {HOST}\n")
-        self.write("/etc/nsswitch.conf", "hosts: files\n")
+            alone.mount("--bind", "/proc", self.path("/proc"))
         self.write("/etc/device-info", DEVICE_INFO)
         self.write(AUTHORITIES, authority(AUTHORITY).cert_pem.bytes())
         for name in ("prod", "dev"):

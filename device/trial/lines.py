@@ -3,7 +3,7 @@
 import os
 import re
 from collections import Counter
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Sequence
 
 LONGEST = 4096
 WIDTH, MANY = 80, 10
@@ -31,7 +31,7 @@ class Lines:
 
 def printable(text: str) -> str:
     """Without what would act on a terminal or is not text."""
-    return re.sub("[\0-\x08\x0a-\x1f\x7f\udc80-\udcff]", lambda match: f"\\x{ord(match[0]) & 0xff:02x}", text)
+    return re.sub("[\0-\x08\x0a-\x1f\x7f-\x9f\udc80-\udcff]", lambda it: f"\\x{ord(it[0]) & 0xff:02x}", text)
 
 
 def shortened(texts: Iterable[str]) -> list[str]:
@@ -39,3 +39,15 @@ def shortened(texts: Iterable[str]) -> list[str]:
     counts = Counter(text if len(text) <= WIDTH else f"{text[:WIDTH]}..." for text in texts)
     lines = [text if count == 1 else f"{text} ({count} times)" for text, count in counts.items()]
     return lines if len(lines) <= MANY else [*lines[:MANY], f"{len(lines) - MANY} more"]
+
+
+def listed(texts: Iterable[str]) -> str:
+    return ", ".join(shortened(texts))
+
+
+def show(title: str, lines: Sequence[str]) -> None:
+    """A title and its lines; nothing without any."""
+    if lines:
+        print(f"{title}:")
+    for line in lines:
+        print(f"  {printable(line)}")

@@ -6,50 +6,30 @@ import re
 from pathlib import Path
 
 EPILOG = """\
-Nothing that run.sh does reaches this machine: it sees the device's files and processes, has no network and no
-/sys, and cannot remount the root or restart the device. Where that cannot be had, --unconfined is needed.
-The second attempt is what a fleet does: each start of the daemon runs the script again, and the timer starts
-it daily. When it fails before it comes to its script, the device cannot be updated any more. (A bundle that
-replaces the device's key does that to itself: --once leaves the second attempt out.)
-A failed download is not repeated, unless --setting says so.
+run.sh cannot reach this machine: it has no network, sees only the device's files and processes, and can
+neither mount, nor set the host name, nor restart the device.
+The second attempt is what a fleet does: every start of the daemon runs the script again, and a timer starts
+it daily. If it fails before it comes to its script, the device cannot be updated any more. A bundle that
+replaces the device's key does that to itself: use --once.
 
 Exit status: 0 installed, 1 not installed, or the device cannot be updated any more, 2 wrong usage."""
-
-UNITS = {"": 1, "K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
-# The virtual device needs its own of these, or puts its own in their place.
-OWN = re.compile(r"(/usr)?/s?bin/(zeloinstall|transfer-service|vestrel|kbus-set-prop|kbus-send-event)"
-                 r"|/(dev|proc)(/.*)?|/run/(kbus\.sock|transfer)(/.*)?|/usr/lib/virtual-device/.*"
-                 r"|/etc/(hosts|nsswitch\.conf|device-info|zelo/pubkey(prod|dev)\.pem)"
-                 r"|/etc/ssl/certs/ca-certificates\.crt|/")
 
 
 def setting(text: str) -> list[str]:
     """Key and value."""
-    if not re.match(r"(?!\.\.?=)[^/=]+=", text):
+    if not re.match("[^/=]+=", text):
         raise argparse.ArgumentTypeError(f"{text}: expected KEY=VALUE, with no / in KEY")
     return text.split("=", 1)
 
 
 def addition(text: str) -> dict[str, Path]:
     """Path on the device -> path here, for each file."""
-    here, _, there = text.partition(":")
-    there = os.path.normpath("/" + (there or os.path.abspath(here)).lstrip("/"))
-    if OWN.fullmatch(there):
-        raise argparse.ArgumentTypeError(f"{text}: the device has its own {there}")
-    if Path(here).is_file():
-        return {there: Path(here).resolve()}
-    if not Path(here).is_dir():
-        raise argparse.ArgumentTypeError(f"{text}: {here} is neither a file nor a folder")
-    found = (Path(parent, name) for parent, _, names in os.walk(here, followlinks=True) for name in names)
-    files = {os.path.join(there, path.relative_to(here)): path.resolve() for path in found if path.is_file()}
-    return {target: path for target, path in files.items() if not OWN.fullmatch(target)}
-
-
-def size(text: str) -> int:
-    """Bytes."""
-    if not (match := re.fullmatch("([0-9]+)([KMG]?)", text)):
-        raise argparse.ArgumentTypeError(f"{text}: expected a number, with K, M or G if need be")
-    return int(match[1]) * UNITS[match[2]]
+    source, _, target = text.partition(":")
+    target = os.path.normpath("/" + (target or os.path.abspath(source)).lstrip("/"))
+    files = [path for path in (Path(source), *Path(source).rglob("*")) if path.is_file()]
+    if not files:
+        raise argparse.ArgumentTypeError(f"{source}: neither a file nor a folder with files")
+    return {os.path.normpath(Path(target, path.relative_to(source))): path.resolve() for path in files}
 
 
 def system(text: str) -> Path:
@@ -59,43 +39,27 @@ def system(text: str) -> Path:
     return path
 
 
-def seconds(text: str) -> float:
-    value = float(text)
-    if not 0 < value < float("inf"):
-        raise argparse.ArgumentTypeError(f"{text}: expected a number of seconds")
-    return value
-
-
 def parse_arguments(description: str | None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
-        prog="./try-bundle", description=description, epilog=EPILOG,
-        usage="%(prog)s [OPTION]... DIRECTORY | DOCUMENT ARCHIVE",
-        formatter_class=argparse.RawDescriptionHelpFormatter)
+        prog="./try-bundle", usage="%(prog)s [OPTION]... DIRECTORY | DOCUMENT ARCHIVE",
+        description=description, epilog=EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("bundle", nargs="+", type=Path, metavar="DIRECTORY | DOCUMENT ARCHIVE",
                         help="the files of a bundle, or a bundle as make-bundle writes it")
     parser.add_argument("--key", type=Path, metavar="PUBLIC",
-                        help="install this public key on the device, for DOCUMENT's signature (default: the "
-                        "bundle is signed with a new key)")
+                        help="the device's key, for DOCUMENT's signature (default: sign with a new key)")
     parser.add_argument("--root", type=system, metavar="DIR",
-                        help="use this root file system as the device; DIR stays as it is. What the daemon "
-                        "needs is added; hosts, nsswitch.conf, device-info, certificates, keys are replaced")
-    parser.add_argument("--bare", action="store_true",
-                        help="leave out what a small system has (busybox) and the daemon does not need")
+                        help="use a copy of this root file system as the device; what the daemon needs is "
+                        "added, device-info, certificates and keys are replaced")
     parser.add_argument("--add", action="append", default=[], type=addition, metavar="PATH[:TARGET]",
                         help="put a file, a program with its libraries, or a folder on the device, at TARGET")
     parser.add_argument("--setting", action="append", default=[], type=setting,
                         metavar="KEY=VALUE", help="set a value of the configuration store")
-    parser.add_argument("--room", type=size, default="1G", metavar="SIZE",
-                        help="free room on the device, e.g. 64M (default: %(default)s)")
     parser.add_argument("--once", action="store_true", help="leave out the second attempt")
-    parser.add_argument("--timeout", type=seconds, metavar="SECONDS",
-                        help="stop an attempt that takes longer")
+    parser.add_argument("--timeout", type=float, metavar="SECONDS", help="stop an attempt that takes longer")
     parser.add_argument("--strict", action="store_true", help="'installed, but' also has exit status 1")
     parser.add_argument("--unconfined", action="store_true",
                         help="run the bundle even where run.sh can reach this machine")
     parser.add_argument("--no-install", action="store_true", help="do not install packages that are missing")
-    parser.add_argument("--keep", action="store_true", help="keep a copy of the device's files")
-    parser.add_argument("--shell", action="store_true", help="start a shell on the device after the attempts")
     arguments = parser.parse_args()
     if len(arguments.bundle) > 2 or (arguments.key and len(arguments.bundle) == 1):
         parser.error("expected one DIRECTORY, or DOCUMENT and ARCHIVE, which may have a --key")

@@ -1,18 +1,14 @@
 """Puts the author's bundle where the device downloads it."""
 
-import os
-import subprocess
-import textwrap
 from argparse import Namespace
-from pathlib import Path
 
-from bundle_rules import Report, check_document
+from bundle_rules import Report, why_refused
+from check_bundle import check_bundle
 
-from device.bundles import TOOL, Bundle, pack
+from device.bundles import Bundle, pack
 from device.cases import PROD
+from device.trial.lines import show
 from device.virtual_device import ARCHIVE, VirtualDevice
-
-CHECKER = TOOL.with_name("check-bundle")
 
 
 def publish(device: VirtualDevice, arguments: Namespace) -> None:
@@ -20,25 +16,20 @@ def publish(device: VirtualDevice, arguments: Namespace) -> None:
         device.publish(pack(arguments.bundle[0], device.keys.private("prod"), device.url(ARCHIVE)))
         print("signed with a new key, which is on the device")
         return
-    document, archive = (path.read_bytes() for path in arguments.bundle)
+    document, archive = arguments.bundle
     if not arguments.key:
-        device.publish(device.sign(archive))
+        device.publish(device.sign(archive.read_bytes()))
         print("re-signed with a new key, which is on the device; your document is not used")
         return
     device.write(PROD, arguments.key.read_bytes())
-    bundle = Bundle(archive, document)
-    check = [CHECKER, *arguments.bundle, arguments.key]
-    checked = subprocess.run(check, stdout=subprocess.PIPE, check=False).stdout
-    print("check-bundle:\n" + textwrap.indent(os.fsdecode(checked), "  "), end="")
-    # What devices refuse stays as it is, so that this one does too.
-    if not refused(arguments.bundle[0]):
+    report = Report()
+    check_bundle(document, archive, arguments.key, report)
+    findings = [f"{each.subject}: {each.severity}: {each.text}" for each in report.findings]
+    show("check-bundle", findings or ["ok"])
+    bundle = Bundle(archive.read_bytes(), document.read_bytes())
+    # What devices refuse stays as it is, so that this one refuses it, too.
+    address = report.facts.get("address")
+    if address and not why_refused(address):
         bundle = bundle.with_url(device.url(ARCHIVE))
         print("the document's address is replaced by that of the local server")
     device.publish(bundle)
-
-
-def refused(document: Path) -> bool:
-    """Whether devices download nothing for this document."""
-    report = Report()
-    check_document(document, report)
-    return report.has_error()

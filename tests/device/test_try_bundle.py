@@ -2,11 +2,9 @@
 
 import os
 import re
-import shutil
 import signal
 import subprocess
 import sys
-from collections.abc import Sequence
 from pathlib import Path
 
 import pytest
@@ -18,14 +16,15 @@ from device.keys import Keys
 pytestmark = pytest.mark.usefixtures("plain_only")  # sanitizers and emulators do not run under a tracer
 ROOT = Path(__file__).resolve().parents[2]
 COMMAND = [sys.executable, "-m", "device.commands", "try-bundle"]
-DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before it comes to its script"
+DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before it reaches its script"
 SHOWN = r"""#!/bin/sh -e
-printf 'caf\303\251 \377\n' >&2
+printf 'caf\303\251 \377\302\233\n' >&2
 echo progress
 mkdir /new
-rm /etc/nsswitch.conf
-echo > /etc/hosts
-chmod 600 /etc/passwd
+rm /etc/group
+cat /etc/device-info > /etc/passwd
+chmod 600 /etc/device-info
+ln -s /x /etc/link
 touch "$(printf '/tmp/\377')"
 sleep 1000 > /dev/null 2>&1 &
 awk 'BEGIN { exit 3 }' || env nosuch || true
@@ -42,6 +41,9 @@ chmod 666 /proc/self/fd/0
 mknod /disk b 8 0
 mount -t sysfs none /mnt
 mount -t cgroup2 none /mnt
+mount -t proc none /mnt
+hostname another
+readlink /proc/1/exe | grep bwrap
 """
 
 
@@ -51,10 +53,9 @@ def environment(build: Path) -> dict[str, str]:
             "PYTHONUTF8": "0", "PYTHONCOERCECLOCALE": "0"}
 
 
-def attempt(build: Path, *arguments: str | Path, typed: str = "",
-            prefix: Sequence[str] = ()) -> tuple[int, str]:
-    done = subprocess.run([*prefix, *COMMAND, *arguments], check=False, text=True, stdout=subprocess.PIPE,
-                          cwd=ROOT, env=environment(build), input=typed)
+def attempt(build: Path, *arguments: str | Path) -> tuple[int, str]:
+    done = subprocess.run([*COMMAND, *arguments], check=False, text=True, stdout=subprocess.PIPE, cwd=ROOT,
+                          env=environment(build))
     return done.returncode, done.stdout
 
 
@@ -73,42 +74,36 @@ def write(source: Path, script: str) -> None:
 
 def test_what_is_shown(build: Path, source: Path) -> None:
     write(source, SHOWN)
-    status, said = attempt(build, source)
+    status, said = attempt(build, "--strict", source)
     events = [line.partition(" s  ")[2] for line in said.splitlines()]
-    for event in ("stderr   caf\\xc3\\xa9 \\xff", "stdout   progress  (dropped on a device)",
+    for event in ("stderr   caf\\xc3\\xa9 \\xff\\xc2\\x9b", "stdout   progress  (dropped on a device)",
                   "stderr   env: can't execute 'nosuch': No such file or directory"):
         assert event in events
-    first = said.partition("run.sh ended: ")[2].partition("second attempt:")[0]
+    first = said.partition("run.sh ended with ")[2].partition("second attempt:")[0]
     assert first.splitlines() == [
-        "status 0", "programs of run.sh that failed, which may be meant:", "  awk BEGIN { exit 3 }: status 3",
+        "status 0", "programs of run.sh that failed, perhaps as intended:",
+        "  awk BEGIN { exit 3 }: status 3", "  env nosuch: status 127",
         "programs not found:", "  nosuch", "left running:", "  sleep 1000",
-        "changes by the first attempt, without the daemon's own files:", "  changed  /etc/hosts (content)",
-        "  removed  /etc/nsswitch.conf", "  changed  /etc/passwd (mode 0644 -> 0600)",
-        "  added    /new (directory, 0755, 0:0)", "  added    /tmp/\\xff (file, 0644, 0:0)"]
-    assert said.splitlines()[-5:] == [
-        "installed, but", "  not found: nosuch", "  something was written on standard error",
-        "  left running, until the service unit kills them: sleep 1000",
-        "  the second attempt fails: code 03"]
-    assert status == 0
-    assert attempt(build, source, "--strict")[0] == 1
+        "changes by the first attempt, without the daemon's own files:",
+        "  changed  /etc/device-info (-rw-r--r-- 0:0, now -rw------- 0:0)", "  removed  /etc/group",
+        "  added    /etc/link (lrwxrwxrwx 0:0 to /x)", "  changed  /etc/passwd (content)",
+        "  added    /new (drwxr-xr-x 0:0)", "  added    /tmp/\\xff (-rw-r--r-- 0:0)"]
+    assert (status, said.splitlines()[-1]) == (1, "  the second attempt fails: code 03")
 
 
 @pytest.mark.parametrize("script, options, verdict, expected", [
     ("touch /x", "", "installed", 0),
-    ("mkdir /x", "--once", "installed", 0),
-    ("[ -e /x ] || echo > /etc/hosts; touch /x", "", "installed", 0),  # though the server's name is there
+    ("mkdir /x", "--once --strict", "installed", 0),
     ("touch /x; rm -f /dev/log", "", "installed", 0),
     ("chmod 000 /usr/lib", "", "installed", 0),
-    ("echo >> /x", "", "the second attempt changes more: 1 path", 0),
-    ("touch /x; kill -9 $$", "", "run.sh was ended by SIGKILL, which counts as success", 0),
+    ("echo >> /x", "", "the second attempt changes more", 0),
     ("rm /usr/bin/openssl", "", f"{DEAD} (code 00)", 1),
-    ("rm /bin/sh /usr/bin/busybox", "", f"{DEAD} (the daemon ended with status 1)", 1),
-    ("dd if=/dev/zero of=/x bs=1M count=64 || true", "--room 8M", f"{DEAD} (code 02)", 1),
-    ("awk 'BEGIN { exit }'", "--bare", "NOT INSTALLED: code 03", 1),
+    ("rm /bin/sh /usr/bin/busybox", "", f"{DEAD} (the daemon could not be started)", 1),
+    ("echo progress > /dev/stderr", "", "NOT INSTALLED: code 03", 1),  # as under the service unit
     ("sleep 1000", "--timeout 1", "NOT INSTALLED: stopped after 1 s", 1),
     ("touch /x", "--setting zelo.installer.download.retries=-1", "NOT INSTALLED: code 99", 1),
     ("test -s /opt/here/run.sh; touch /x", "--add {source}:/opt/here", "installed", 0),
-    ("kill -9 -1", "", "NOT INSTALLED: the daemon was ended by SIGKILL", 1),
+    ("kill -9 -1", "", "NOT INSTALLED: the daemon ended with SIGKILL", 1),
 ])
 def test_verdict(build: Path, source: Path, script: str, options: str, verdict: str, expected: int) -> None:
     write(source, script)
@@ -120,12 +115,13 @@ def test_verdict(build: Path, source: Path, script: str, options: str, verdict: 
 def test_nothing_reaches_this_machine(build: Path, source: Path) -> None:
     tries = (f"if {line}; then echo 'DID {line}' >&2; fi" for line in ESCAPES.splitlines() if line)
     facts = ("awk '{ print $2 }' /proc/mounts", "readlink /proc/self/ns/net")
-    write(source, "\n".join(["#!/bin/sh", "mkdir -p /mnt", "hostname another || exit", *tries, *facts, ""]))
+    write(source, "\n".join(["#!/bin/sh", "mkdir -p /mnt", *tries, *facts, ""]))
     status, said = attempt(build, "--once", source)
     assert status == 0 and "DID" not in said, said
     *mounts, network = re.findall(r"stdout   (\S+)", said)
     devices = (f"/dev/{name}" for name in ("full", "null", "random", "urandom", "zero"))
-    assert sorted(mounts) == ["/", *devices, "/proc"]
+    shown = [mount for mount in mounts if not mount.startswith("/proc/")]  # some cover parts of it
+    assert sorted(shown) == ["/", *devices, "/proc"]
     assert network != os.readlink("/proc/self/ns/net")
 
 
@@ -144,28 +140,6 @@ def test_own_system(build: Path, source: Path, tmp_path: Path, name: str) -> Non
     assert sorted((path, path.lstat().st_mtime_ns) for path in own.rglob("*")) == before
 
 
-@pytest.mark.parametrize("script, verdict", [
-    ("touch /x; kill -9 $$", "installed"),  # as devices say
-    ("rm /usr/bin/openssl", f"  {DEAD} (code 00)"),
-    ("exit 3", "NOT INSTALLED: code 03"),
-])
-def test_without_a_tracer(build: Path, source: Path, script: str, verdict: str) -> None:
-    write(source, script)
-    # What is traced already can be traced by nobody else.
-    tracer = ["strace", "-f", "-qq", "--seccomp-bpf", "--trace=reboot", "-o", "/dev/null"]
-    said = attempt(build, source, prefix=tracer)[1]
-    assert "not traced (" in said and said.splitlines()[-1] == verdict
-
-
-def test_looking_around_afterwards(build: Path, source: Path) -> None:
-    write(source, "echo mine > /x")
-    said = attempt(build, "--once", "--shell", "--keep", source, typed="sed s/m/sh/ /x\nrm /x\nexit\n")[1]
-    assert "shine" in said
-    kept = Path(said.rpartition("the device's files: ")[2].strip())
-    assert (kept / "usr/sbin/zeloinstall").exists() and not (kept / "x").exists()
-    shutil.rmtree(kept)
-
-
 def test_a_bundle_with_its_key(build: Path, source: Path, tmp_path: Path) -> None:
     keys = Keys(tmp_path / "keys")
     bundle = pack(source, keys.private("author"), "https://bundles.example.com/x")
@@ -181,13 +155,13 @@ def test_a_bundle_with_its_key(build: Path, source: Path, tmp_path: Path) -> Non
 
 
 def test_what_is_waited_for_and_an_end_by_the_user(build: Path, source: Path) -> None:
-    write(source, "touch /x; sleep 1000 & sleep 999 > /dev/null &")
+    write(source, "touch /x; sleep 1000 &")
     with subprocess.Popen([*COMMAND, source], text=True, stdout=subprocess.PIPE, cwd=ROOT,
                           env=environment(build)) as process:
         assert process.stdout
         line = next(line for line in process.stdout if "  waiting  " in line)
         process.send_signal(signal.SIGINT)
         rest = process.stdout.read()
-    assert line.endswith("run.sh has ended, but its standard output is held by: sleep 1000\n")
-    assert rest.endswith("/x (file, 0644, 0:0)\nNOT INSTALLED: stopped by SIGINT\n")
+    assert line.endswith("run.sh has ended, but its standard output is held; still running: sleep 1000\n")
+    assert rest.endswith("/x (-rw-r--r-- 0:0)\nNOT INSTALLED: stopped by SIGINT\n")
     assert process.returncode == -signal.SIGINT

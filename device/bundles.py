@@ -27,10 +27,6 @@ class Bundle:
         document = re.sub(rb'"url"\s*:\s*"(\\.|[^"\\])*"', lambda _: member, self.document, count=1)
         return replace(self, document=document)
 
-    def tampered(self) -> "Bundle":
-        """One bit of the archive differs from what was signed."""
-        return replace(self, archive=self.archive[:-1] + bytes([self.archive[-1] ^ 1]))
-
 
 def pack(source: Path, key: Path, url: str) -> Bundle:
     """A bundle of a directory's files, signed with the private `key`."""

@@ -12,14 +12,14 @@ from device.commands import demo
 from device.bundles import RECORD
 from device.cases import (BUNDLE_FAILED, END, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT, Case,
                           defaulted, ended, own_lines, script, script_runs)
-from device.https_server import Content, Drop, Redirect, Status
+from device.https_server import Answer
 from device.run import Run
 from device.virtual_device import ARCHIVE, DOCUMENT, PID_FILE, VirtualDevice
 
-from fault_cases import KINDS, SIGNATURES, STARTS
+from fault_cases import KINDS, OTHERS
 
 PASS_TIME = "i=0; while [ $i -lt 300000 ]; do i=$((i + 1)); done"
-CASES = [*demo.CASES, *itertools.chain(*KINDS.values()), *SIGNATURES, *STARTS]
+CASES = [*demo.CASES, *itertools.chain(*KINDS.values()), *OTHERS]
 
 
 @pytest.mark.parametrize("case", CASES, ids=[case.name for case in CASES])
@@ -31,8 +31,9 @@ def test_case(device: VirtualDevice, case: Case) -> None:
 
 
 def test_defaults_pauses_and_redirects(device: VirtualDevice) -> None:
-    device.server.answer("/elsewhere", Content(device.published.archive))
-    device.server.answer(ARCHIVE, Status(500), Drop(), Status(404), Redirect("/elsewhere"))
+    device.server.answer("/elsewhere", Answer(device.published.archive))
+    device.server.answer(ARCHIVE, Answer(status=500), Answer(missing=1), Answer(status=404),
+                         Answer(status=302, location="/elsewhere"))
     device.set_pref(RETRIES, None)
     device.set_pref(TIMEOUT, None)
     begin = time.monotonic()
@@ -52,7 +53,7 @@ def test_what_a_good_run_asks_and_leaves(device: VirtualDevice) -> None:
     [work] = device.work_directories()
     assert work.stat().st_mode & 0o7777 == 0o700
     assert device.path(PID_FILE).stat().st_mode & 0o7777 == 0o600
-    assert device.lock_was_released()
+    assert device.lock_holder() is None
     assert {file.name for file in work.iterdir()} == {
         "run.sh", "zelo_installer_meta.json", "zelo_installer.tar.gz", "zelo_installer.tar.gz.sig",
         "zelo_installer.tar.gz.sig.sha256"}
@@ -64,7 +65,7 @@ def test_what_a_good_run_asks_and_leaves(device: VirtualDevice) -> None:
 
 
 def test_code_of_a_long_line_is_logged(device: VirtualDevice) -> None:
-    device.server.answer(DOCUMENT, Content(b"x" * 300000))
+    device.server.answer(DOCUMENT, Answer(b"x" * 300000))
     run = device.start()
     assert run.wait() == 0
     assert [line[-8:] for line in run.log_lines() if "zelo exception" in line] == [" code=02"]
@@ -103,7 +104,7 @@ def test_more_than_the_memory_holds(device: VirtualDevice, plain_only: None) -> 
     assert run.wait() == 1
     assert run.log_lines()[-1] == ended("std::bad_alloc")
     assert script_runs(device) == 1
-    device.server.answer(DOCUMENT, Content(b"x" * (memory // 2)))
+    device.server.answer(DOCUMENT, Answer(b"x" * (memory // 2)))
     run = start_with(memory, device)
     assert run.wait() == 0
     assert METADATA_FAILED + "invalid json " in run.log_lines()

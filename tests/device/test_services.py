@@ -1,13 +1,14 @@
 """The services that the daemon needs: how they work with it, and what it does when they do not."""
 
 import signal
+from threading import Event
 
 import pytest
 
+from device import until
 from device.cases import (BUNDLE_FAILED, END, LOST, RETRIES, STAGES, TIMEOUT, going_down, own_lines, script,
                           script_runs)
-from device.gate import until
-from device.https_server import Content, Stall
+from device.https_server import Answer
 from device.virtual_device import ARCHIVE, VirtualDevice
 
 
@@ -31,12 +32,12 @@ def test_first_process_of_a_container(device: VirtualDevice) -> None:
 
 def test_transfer_service_dies(device: VirtualDevice) -> None:
     """The attempt ends at its time limit, and the next finds the service that is back."""
-    bundle = device.make_bundle()
-    device.server.answer(ARCHIVE, Stall(), Content(bundle.archive))
+    device.server.answer(ARCHIVE, Answer(event=Event()), Answer(device.published.archive))
     device.set_pref(RETRIES, "1")
     device.set_pref(TIMEOUT, "8")
     run = device.start()
     until(lambda: ARCHIVE in device.server.requests)
-    device.restart_transfers()
+    device.transfers.stop()
+    device.transfers.start()
     assert run.wait() == 0
     assert own_lines(device) == [*STAGES[:2], BUNDLE_FAILED + LOST, *STAGES[2:], END]

@@ -10,11 +10,12 @@ from pathlib import Path
 
 import pytest
 
+from device import until
 from device.bundles import INSTALLED
 from device.cases import (METADATA_FAILED, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, Change,
                           answer, together, going_down, nothing, own_lines, script, setting, told_user)
-from device.gate import Gate, until
-from device.https_server import Content, Status
+from device.gate import Gate
+from device.https_server import Answer
 from device.run import Run
 from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
 
@@ -38,7 +39,7 @@ class Moment:
             script(f"{Gate.WAIT}echo > {INSTALLED}")(device)
         elif self.place in (DOCUMENT, ARCHIVE):
             content = device.published.document if self.place == DOCUMENT else device.published.archive
-            device.server.answer(self.place, Content(content, self.event))
+            device.server.answer(self.place, Answer(content, event=self.event))
         elif self.place != "pause":
             gate.hold(self.place)
 
@@ -61,7 +62,7 @@ class Moment:
 
 STALLED, RUN_SH = Moment(DOCUMENT, 1, 1), Moment("run.sh", 5, 2)
 MOMENTS = [
-    STALLED, Moment("pause", 1, 2, together(setting(RETRIES, "9"), answer(DOCUMENT, Status(503)))),
+    STALLED, Moment("pause", 1, 2, together(setting(RETRIES, "9"), answer(DOCUMENT, Answer(status=503)))),
     Moment(ARCHIVE, 2, 2), Moment("/bin/base64", 3, 2), Moment("/usr/bin/openssl", 3, 2),
     Moment("/bin/tar", 4, 2), RUN_SH,
     Moment(SET_PROP, 1, 0, setting(TEMPLATE, None), ("load = zelo",)),
@@ -99,7 +100,7 @@ def test_each_signal(device: VirtualDevice, gate: Gate, moment: Moment) -> None:
                 assert run.status is None and device.lock_holder() == run.pid
         moment.release(gate)
         assert run.wait() == -signum
-        assert device.lock_was_released()
+        assert device.lock_holder() is None
         lines = own_lines(run)
         assert [line for line in lines if line in STAGES] == STAGES[:moment.stages], lines
         assert [line for line in lines if "signum" in line] == lines[-1:] == [going_down(signum)], lines
@@ -126,7 +127,7 @@ def test_stuck_log_receiver(device: VirtualDevice, gate: Gate, moment: Moment | 
         assert run.status is None and device.lock_holder() == run.pid
         moment.release(gate)
     assert run.wait() == -signal.SIGTERM
-    assert device.lock_was_released()
+    assert device.lock_holder() is None
 
 
 @pytest.mark.usefixtures("plain_only")

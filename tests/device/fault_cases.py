@@ -7,9 +7,9 @@ from threading import Event
 
 from device.bundles import RECORD
 from device.cases import (BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
-                          NOT_TAKEN, RETRIES, SEND_EVENT, STAGES, TEMPLATE, TIMEOUT, Case, Change, answer,
-                          archive, failing, fatal, good, marker, members, reported, script, setting, signed,
-                          together, tool)
+                          NOT_TAKEN, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, TIMEOUT, Case,
+                          Change, answer, archive, failing, fatal, good, marker, members, reported, script,
+                          setting, signed, together, tool)
 from device.https_server import Answer
 from device.virtual_device import ARCHIVE, DOCUMENT, MARKER, VirtualDevice
 
@@ -60,7 +60,7 @@ KINDS = {
     "decoder": [refused("no decoder", tool("/bin/base64", None))],
     "tar": [failing("no tar", tool("/bin/tar", None), 4, NO_COMMAND, "01")],
     "telling": [
-        untold("no UI shell", lambda d: d.shell.stop()),
+        untold("property tool fails", tool(SET_PROP, "exit 1")),
         untold("event tool fails", tool(SEND_EVENT, "exit 1"), "load = zelo"),
     ],
 }

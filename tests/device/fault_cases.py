@@ -13,6 +13,8 @@ from device.cases import (BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED
 from device.https_server import Answer
 from device.virtual_device import ARCHIVE, DOCUMENT, MARKER, VirtualDevice
 
+NEVER = Answer(event=Event())
+
 
 def no_bus(d: VirtualDevice) -> None:
     d.path("/run/kbus.sock").unlink()
@@ -38,15 +40,15 @@ KINDS = {
         good("run.sh ended by a signal", script(f"{RECORD}; kill -9 $$")),
     ],
     "document": [
-        failing("no url, twice", together(members(url=None), setting(RETRIES, "1")), 1, "key url not found", "02",
-                *[METADATA_FAILED + "key url not found"] * 2),
+        failing("no url, twice", together(members(url=None), setting(RETRIES, "1")), 1, "key url not found",
+                "02", *[METADATA_FAILED + "key url not found"] * 2),
         unfetched("no signature", members(signature=None), "key signature not found"),
     ],
     "metadata": [unfetched("no JSON", answer(DOCUMENT, Answer(b"hello")), "invalid json hello")],
-    "bundle": [failing("bundle missing", answer(ARCHIVE, Answer(status=404)), 2, LOST, "02", BUNDLE_FAILED + LOST)],
-    "time limit": [
-        unfetched("document too late", together(setting(TIMEOUT, "1"), answer(DOCUMENT, Answer(event=Event())))),
+    "bundle": [
+        failing("bundle missing", answer(ARCHIVE, Answer(status=404)), 2, LOST, "02", BUNDLE_FAILED + LOST),
     ],
+    "time limit": [unfetched("document too late", together(setting(TIMEOUT, "1"), answer(DOCUMENT, NEVER)))],
     "transfers": [
         Case("no transfer service", lambda d: d.transfers.stop(), [
             "E def:TransferServiceWrapper:Transfer Service initialization failed:", STAGES[0],

@@ -8,15 +8,16 @@ import time
 
 import pytest
 
-from device.commands import demo
+from device import until
 from device.bundles import RECORD
 from device.cases import (BUNDLE_FAILED, END, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT, Case,
                           defaulted, ended, own_lines, script, script_runs)
+from device.commands import demo
 from device.https_server import Answer
 from device.run import Run
 from device.virtual_device import ARCHIVE, DOCUMENT, PID_FILE, VirtualDevice
 
-from fault_cases import KINDS, OTHERS
+from fault_cases import KINDS, NEVER, OTHERS
 
 PASS_TIME = "i=0; while [ $i -lt 300000 ]; do i=$((i + 1)); done"
 CASES = [*demo.CASES, *itertools.chain(*KINDS.values()), *OTHERS]
@@ -45,10 +46,22 @@ def test_defaults_pauses_and_redirects(device: VirtualDevice) -> None:
                                  *STAGES[2:], END]
 
 
+def test_transfer_service_dies(device: VirtualDevice) -> None:
+    """The attempt ends at its time limit, and the next finds the service that is back."""
+    device.server.answer(ARCHIVE, NEVER, Answer(device.published.archive))
+    device.set_pref(RETRIES, "1")
+    device.set_pref(TIMEOUT, "8")
+    run = device.start()
+    until(lambda: ARCHIVE in device.server.requests)
+    device.transfers.stop()
+    device.transfers.start()
+    assert run.wait() == 0
+    assert own_lines(device) == [*STAGES[:2], BUNDLE_FAILED + LOST, *STAGES[2:], END]
+
+
 def test_what_a_good_run_asks_and_leaves(device: VirtualDevice) -> None:
     run = device.start()
     assert run.wait() == 0
-    assert script_runs(device) == 1
     assert device.server.requests == [f"{DOCUMENT}?version=123456789012&package=base%20image%2F1", ARCHIVE]
     [work] = device.work_directories()
     assert work.stat().st_mode & 0o7777 == 0o700

@@ -136,3 +136,12 @@ def test_crash_leaves_its_dump(device: VirtualDevice, signum: signal.Signals) ->
     script(f"kill -{int(signum)} $PPID")(device)
     run = device.start()
     assert run.wait() == -signum and f"fatal signal {signum.name}" in run.output(), run.output()
+
+
+@pytest.mark.usefixtures("confined_only")
+def test_first_process_of_a_container(device: VirtualDevice) -> None:
+    """Signals have no default action there: its exit status tells which one ended it."""
+    script("kill -TERM $PPID")(device)
+    run = device.start(prefix=["/usr/bin/unshare", "--pid", "--fork"])
+    assert run.wait() == 128 + signal.SIGTERM
+    assert own_lines(device) == [*STAGES, going_down(signal.SIGTERM)]

@@ -77,13 +77,6 @@ def test_the_environment_is_the_starters(device: VirtualDevice, gate: Gate) -> N
     assert 0 <= (time.time() - 3600 * (hours + 11) - 60 * minutes - seconds) % 86400 < 600
 
 
-def test_what_a_script_leaves_behind_holds_nothing(device: VirtualDevice, gate: Gate) -> None:
-    script("/bin/sh -c 'echo $$ > /run/waiting; kill -STOP $$' > /dev/null 2>&1 &")(device)
-    for _ in range(2):
-        assert device.start().wait() == 0
-        assert found_by(gate.wait())[:2] == [[0, 1, 2], 0]
-
-
 def start_at_once(device: VirtualDevice, gate: Gate, count: int) -> Run:
     """The only start that gets further than the others, which end as they must."""
     runs = [device.start(prefix=["/bin/sh", "-c", 'kill -STOP $$; exec "$@"', "sh"]) for _ in range(count)]

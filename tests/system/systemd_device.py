@@ -8,10 +8,9 @@ from booted_root import BootedRoot
 from device import until
 from device.https_server import HOST, Answer, Server, authority
 from device.rootfs import TRANSFER_SERVICE, UI_SHELL, device_programs
-from device.services import BUS_CONFIG
+from device.services import bus_command
 from device.virtual_device import ARCHIVE, DOCUMENT
 
-BUS = "/usr/bin/dbus-daemon --config-file=/etc/kbus.conf --nofork --nopidfile"
 SETTINGS = "/var/lib/prefbox/zelo.installer.download"
 AUTHOR = "/run/author"
 
@@ -27,7 +26,7 @@ class SystemdDevice(BootedRoot):
         for path in TRANSFER_SERVICE, UI_SHELL, "/usr/bin/kbus-set-prop", "/usr/bin/kbus-send-event":
             shutil.copy(device_programs(build)[path], self.path(path))
         for path, text in {
-            "/etc/hosts": f"127.0.0.1 {HOST}\n", "/etc/kbus.conf": BUS_CONFIG.format(socket="/run/kbus.sock"),
+            "/etc/hosts": f"127.0.0.1 {HOST}\n",
             "/etc/device-info": "[device]\nsoftware_version=1\nsoftware_package_name=base\n",
             "/etc/ssl/certs/ca-certificates.crt": authority().cert_pem.bytes().decode(),
             "/var/lib/prefbox/url.zelo.installer.metadata": f"{self.server.url(DOCUMENT)}?%s&%s",
@@ -37,7 +36,7 @@ class SystemdDevice(BootedRoot):
         self.run("mkdir", AUTHOR, "/etc/zelo")
         self.run("openssl", "genpkey", "-algorithm", "RSA", "-out", f"{AUTHOR}/key")
         self.run("openssl", "pkey", "-in", f"{AUTHOR}/key", "-pubout", "-out", "/etc/zelo/pubkeyprod.pem")
-        self.run("systemd-run", "--unit=kbus", *BUS.split())
+        self.run("systemd-run", *bus_command(Path("/run/kbus.sock")))
         until(self.path("/run/kbus.sock").exists)
         for name, program in ("transfer-service", TRANSFER_SERVICE), ("vestrel", UI_SHELL):
             self.run("systemd-run", f"--unit={name}", program)

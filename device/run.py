@@ -20,8 +20,8 @@ class Run:
         """The exit status, the negative signal number, or None while it runs."""
         return self._process.poll()
 
-    def wait(self, timeout: float = PATIENCE) -> int:
-        """The status, once the daemon has ended."""
+    def wait(self, timeout: float | None = PATIENCE) -> int:
+        """The status, once the daemon has ended; None waits as long as it takes."""
         return self._process.wait(timeout)
 
     def send(self, signum: int) -> None:

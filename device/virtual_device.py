@@ -159,8 +159,9 @@ class VirtualDevice:
     def shell_lines(self) -> list[str]:
         """What the UI shell has shown for everything that was sent to it until now."""
         # The bus keeps the order: when this is answered, everything sent before has been shown.
-        set_property(self.root, "com.qorvex.vestrel", "load", "string:end")
-        return [line for line in self.shell.lines() if line not in ("vestrel: ready", "vestrel: load = end")]
+        set_property(self.root, "com.qorvex.vestrel", "load", "string:barrier")
+        own = ("vestrel: ready", "vestrel: load = barrier")
+        return [line for line in self.shell.lines() if line not in own]
 
     def work_directories(self) -> list[Path]:
         """What the starts of the daemon have left under /tmp."""

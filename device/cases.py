@@ -138,10 +138,6 @@ def tool(path: str, text: str | None) -> Change:
     return lambda d: d.path(path).unlink() if text is None else d.write(path, f"#!/bin/sh\n{text}\n", 0o755)
 
 
-def key_file(path: str, name: str | None) -> Change:
-    return lambda d: d.path(path).unlink() if name is None else d.install_key(path, name)
-
-
 def marker(d: VirtualDevice) -> None:
     d.write(MARKER, "")
 
@@ -163,7 +159,7 @@ class Case:
     script_runs: int
     shown: tuple[str, ...] = ()
     statuses: tuple[int, ...] = (0,)
-    published: str = ""  # for those who watch
+    published: str = ""  # what the demo says of it
     play: Play = start_once
 
     def faults(self, device: VirtualDevice, runs: list[Run]) -> list[str]:

@@ -104,7 +104,7 @@ class VirtualDevice:
     def make_bundle(self, key: str = "prod", script: str = SUCCEEDING_SCRIPT,
                     files: Mapping[str, bytes] | None = None) -> Bundle:
         """A bundle signed with the key pair `key`; for the rest see `bundles.make_bundle`."""
-        return make_bundle(self.keys.private(key), self.url(ARCHIVE), script, files)
+        return make_bundle(self.keys.private(key), self.url(ARCHIVE), script, files or {})
 
     def sign(self, archive: bytes, key: str = "prod") -> Bundle:
         """A bundle whose archive is just these bytes."""

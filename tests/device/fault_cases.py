@@ -1,9 +1,4 @@
-"""Cases of whole runs that the demo does not show, by what is changed about the device.
-
-A device takes at most one change of each kind, in the order of the kinds.
-"""
-
-from threading import Event
+"""Cases of whole runs that the demo does not show, in the order in which a run comes to them."""
 
 from device.bundles import RECORD
 from device.cases import (BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
@@ -12,8 +7,6 @@ from device.cases import (BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED
                           setting, signed, together, tool)
 from device.https_server import Answer
 from device.virtual_device import ARCHIVE, DOCUMENT, MARKER, VirtualDevice
-
-NEVER = Answer(event=Event())
 
 
 def no_bus(d: VirtualDevice) -> None:
@@ -34,43 +27,28 @@ def untold(name: str, change: Change, *shown: str) -> Case:
                  reported(LOST, "02"), shown=shown)
 
 
-KINDS = {
-    "archive": [
-        failing("run.sh not executable", archive(mode=0o644), 5, NO_COMMAND, "03"),
-        good("run.sh ended by a signal", script(f"{RECORD}; kill -9 $$")),
-    ],
-    "document": [
-        failing("no url, twice", together(members(url=None), setting(RETRIES, "1")), 1, "key url not found",
-                "02", *[METADATA_FAILED + "key url not found"] * 2),
-        unfetched("no signature", members(signature=None), "key signature not found"),
-    ],
-    "metadata": [unfetched("no JSON", answer(DOCUMENT, Answer(b"hello")), "invalid json hello")],
-    "bundle": [
-        failing("bundle missing", answer(ARCHIVE, Answer(status=404)), 2, LOST, "02", BUNDLE_FAILED + LOST),
-    ],
-    "time limit": [unfetched("document too late", together(setting(TIMEOUT, "1"), answer(DOCUMENT, NEVER)))],
-    "transfers": [
-        Case("no transfer service", lambda d: d.transfers.stop(), [
-            "E def:TransferServiceWrapper:Transfer Service initialization failed:", STAGES[0],
-            METADATA_FAILED + NOT_TAKEN, reported(NOT_TAKEN, "02"), END], 0, ("load = zelo", "showError 02")),
-    ],
-    "openssl": [
-        refused("openssl says no more", tool("/usr/bin/openssl", "printf 'Verified OK'"), "Verified OK"),
-        refused("openssl says more", tool("/usr/bin/openssl", "echo Verified OK; echo"), "Verified OK\n\n"),
-        refused("openssl ended by a signal", tool("/usr/bin/openssl", "kill -9 $$"), ""),
-    ],
-    "decoder": [refused("no decoder", tool("/bin/base64", None))],
-    "tar": [failing("no tar", tool("/bin/tar", None), 4, NO_COMMAND, "01")],
-    "telling": [
-        untold("property tool fails", tool(SET_PROP, "exit 1")),
-        untold("event tool fails", tool(SEND_EVENT, "exit 1"), "load = zelo"),
-    ],
-}
-
-OTHERS = [
-    refused("both keys refuse", together(marker, signed("stranger")), NO_COMMAND, DEV_REFUSED + NO_COMMAND),
-    good("marker a directory", together(lambda d: d.path(MARKER).mkdir(), signed("dev"))),
+CASES = [
     fatal("no bus", no_bus, 0, "Failed to initialize kbus handle"),
     fatal("neither /tmp nor bus", together(lambda d: d.path("/tmp").rmdir(), no_bus), 0,
           "unable to create temp directory. errno 2"),
+    Case("no transfer service", lambda d: d.transfers.stop(), [
+        "E def:TransferServiceWrapper:Transfer Service initialization failed:", STAGES[0],
+        METADATA_FAILED + NOT_TAKEN, reported(NOT_TAKEN, "02"), END], 0, ("load = zelo", "showError 02")),
+    unfetched("put off for too long", together(setting(TIMEOUT, "1"), lambda d: d.defer_transfers(9))),
+    unfetched("no JSON", answer(DOCUMENT, Answer(b"hello")), "invalid json hello"),
+    unfetched("no signature", members(signature=None), "key signature not found"),
+    failing("no url, twice", together(members(url=None), setting(RETRIES, "1")), 1, "key url not found", "02",
+            *[METADATA_FAILED + "key url not found"] * 2),
+    failing("bundle missing", answer(ARCHIVE, Answer(status=404)), 2, LOST, "02", BUNDLE_FAILED + LOST),
+    refused("no decoder", tool("/bin/base64", None)),
+    refused("openssl says no more", tool("/usr/bin/openssl", "printf 'Verified OK'"), "Verified OK"),
+    refused("openssl says more", tool("/usr/bin/openssl", "echo Verified OK; echo"), "Verified OK\n\n"),
+    refused("openssl ended by a signal", tool("/usr/bin/openssl", "kill -9 $$"), ""),
+    refused("both keys refuse", together(marker, signed("stranger")), NO_COMMAND, DEV_REFUSED + NO_COMMAND),
+    good("marker a directory", together(lambda d: d.path(MARKER).mkdir(), signed("dev"))),
+    failing("no tar", tool("/bin/tar", None), 4, NO_COMMAND, "01"),
+    failing("run.sh not executable", archive(mode=0o644), 5, NO_COMMAND, "03"),
+    good("run.sh ended by a signal", script(f"{RECORD}; kill -9 $$")),
+    untold("property tool fails", tool(SET_PROP, "exit 1")),
+    untold("event tool fails", tool(SEND_EVENT, "exit 1"), "load = zelo"),
 ]

@@ -69,11 +69,6 @@ MOMENTS = [
     Moment(SEND_EVENT, 1, 0, setting(TEMPLATE, None), ("load = zelo", "showError 99"))]
 
 
-def storm(run: Run, count: int, seed: int = 0) -> None:
-    for signum in random.Random(seed).choices(TERMINATION + HARMLESS, k=count):
-        run.send(signum)
-
-
 @pytest.mark.parametrize("moment", MOMENTS, ids=[moment.place for moment in MOMENTS])
 def test_each_signal(device: VirtualDevice, gate: Gate, moment: Moment) -> None:
     """The first one counts, a running program is let come to its end, and nothing new begins."""
@@ -94,7 +89,8 @@ def test_each_signal(device: VirtualDevice, gate: Gate, moment: Moment) -> None:
         else:
             run.send(signum)
             run.wait_for_line(going_down(signum))
-            storm(run, 500)
+            for other in random.Random(0).choices(TERMINATION + HARMLESS, k=500):
+                run.send(other)
             if program:
                 time.sleep(0.1)
                 assert run.status is None and device.lock_holder() == run.pid

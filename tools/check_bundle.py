@@ -1,11 +1,11 @@
 """Checks a bundle before it is published: does what a device will do with it, and looks for risks."""
 
 import argparse
-import os
 from pathlib import Path
 
-from bundle_rules import check_bundle
-from command import Failure, version
+from archive_rules import check_archive
+from bundle_rules import Report, check_document, check_key, check_signature
+from command import version
 from scratch import scratch_directory
 
 
@@ -24,14 +24,18 @@ def parse_arguments() -> argparse.Namespace:
     return parser.parse_args()
 
 
+def check_bundle(document: Path, archive: Path, key: Path, report: Report) -> None:
+    with scratch_directory() as scratch:
+        signature = check_document(document, report)
+        if check_key(key, report) and signature is not None:
+            check_signature(signature, document, archive, key, scratch, report)
+        check_archive(archive, scratch / "unpacked", report)
+
+
 def main() -> int:
     arguments = parse_arguments()
-    inputs: tuple[Path, Path, Path] = (arguments.document, arguments.archive, arguments.key)
-    for path in inputs:
-        if not (path.is_file() and os.access(path, os.R_OK)):
-            raise Failure(f"{path}: not a readable file")
-    with scratch_directory() as scratch:
-        report = check_bundle(*inputs, scratch)
+    report = Report()
+    check_bundle(arguments.document, arguments.archive, arguments.key, report)
     for finding in report.findings:
         print(f"{finding.subject}: {finding.severity}: {finding.text}")
     if arguments.info:

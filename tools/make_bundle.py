@@ -2,26 +2,19 @@
 
 import argparse
 import base64
-import getpass
-import gzip
 import json
 import os
 import shlex
-import signal
-import subprocess
 import sys
-import tarfile
 from pathlib import Path
-from typing import IO, cast
 
-from bundle_rules import (ARCHIVE, DOCUMENT, SCRIPT, Report, check_address, check_archive, check_signature,
-                          describe_key)
-from command import ENDING, NAME, Failure, version
-from programs import require_an_exit, run
-from scratch import scratch_directory
-
-# Early, so that tar does not warn of time stamps in the future on a device that does not know the date.
-DEFAULT_MTIME = 86400
+from archive_rules import ARCHIVE, DOCUMENT, check_archive
+from bundle_rules import Report, check_address, check_key, check_signature
+from command import NAME, Failure, version
+from programs import complaint, run
+from scratch import scratch_directory, signals_wait
+from script_rules import SCRIPT
+from signing import PrivateKey, sign_with_command
 
 
 def parse_arguments() -> argparse.Namespace:
@@ -46,7 +39,8 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--url", required=True, help="https address at which the archive will be published")
     parser.add_argument("--output", required=True, type=Path, metavar="DIR",
                         help="directory for the two files; made when it is missing")
-    parser.add_argument("--mtime", type=int, default=DEFAULT_MTIME, metavar="SECONDS",
+    # Early by default, or tar on a device that does not know the date warns of time stamps in the future.
+    parser.add_argument("--mtime", type=int, default=86400, metavar="SECONDS",
                         help="time stamp of every member, in seconds since 1970 (default: %(default)s); the "
                         "same files give the same archive")
     parser.add_argument("--version", action="version", version=version())
@@ -63,120 +57,66 @@ def parse_arguments() -> argparse.Namespace:
 
 
 def write_archive(source: Path, archive: Path, mtime: int) -> None:
-    def anonymous(member: tarfile.TarInfo) -> tarfile.TarInfo:
-        member.uid = member.gid = 0
-        member.uname = member.gname = ""
-        member.mtime = mtime
-        return member
-
-    with open(archive, "wb") as raw, gzip.GzipFile("", "wb", fileobj=raw, mtime=0) as packed:
-        with tarfile.open(mode="w", fileobj=cast(IO[bytes], packed), format=tarfile.GNU_FORMAT) as tar:
-            # Names without "./": a member for the directory itself would change the work directory's mode.
-            for name in sorted(os.listdir(source)):
-                tar.add(source / name, name, filter=anonymous)
-
-
-def passphrase(key: bytes, arguments: argparse.Namespace) -> bytes:
-    """The line that opens the key; empty for one that is not encrypted."""
-    if b"PUBLIC KEY-----" in key:
-        raise Failure(f"{arguments.key}: a public key; a private one is needed to sign")
-    if b"ENCRYPTED" not in key:
-        return b"\n"
-    if arguments.passphrase_file:
-        line: bytes = arguments.passphrase_file.read_bytes().partition(b"\n")[0]
-        if not line:
-            raise Failure(f"{arguments.passphrase_file}: the first line is empty")
-        return line + b"\n"
-    try:
-        os.close(os.open("/dev/tty", os.O_RDWR))
-        return getpass.getpass(f"Passphrase of {arguments.key}: ").encode() + b"\n"
-    except (OSError, EOFError):
-        raise Failure(f"{arguments.key}: is encrypted, and no passphrase was entered; "
-                      "use --passphrase-file") from None
-
-
-def public_half(key: Path, opening: bytes) -> bytes:
-    done = run("openssl", "pkey", "-in", key, "-passin", "stdin", "-pubout", entered=opening)
-    if done.returncode == 0:
-        return done.stdout
-    raise Failure(f"{key}: " + ("not a private key that openssl can read" if opening == b"\n" else
-                                "the passphrase is wrong, or the key is damaged"))
-
-
-def sign_with_key(archive: Path, key: Path, opening: bytes) -> bytes:
-    done = run("openssl", "dgst", "-sha256", "-passin", "stdin", "-sign", key, archive, entered=opening)
+    # Names without "./": a member for the directory itself would change the work directory's mode.
+    names = os.fsencode("\0".join(sorted(os.listdir(source))))
+    done = run("tar", "--create", "--gzip", "--file", archive, "--format", "gnu", "--sort", "name",
+               "--owner", "0", "--group", "0", "--numeric-owner", "--mtime", f"@{mtime}",
+               "--directory", source, "--null", "--files-from", "-", entered=names)
     if done.returncode != 0:
-        raise Failure(f"{key}: openssl cannot sign with it: {done.stderr.decode(errors='replace').strip()}")
-    return done.stdout
+        raise Failure(complaint(done))
 
 
-def sign_with_command(archive: Path, command: list[str]) -> bytes:
-    # With our terminal and environment: a token asks for its PIN, and has settings.
-    done = subprocess.run([*command, archive], stdout=subprocess.PIPE, check=False)
-    require_an_exit(command[0], done.returncode)
-    if done.returncode != 0:
-        raise Failure(f"{command[0]} ended with status {done.returncode}")
-    if done.stdout.isascii():
-        what = "text instead of the signature's bytes" if done.stdout else "nothing"
-        raise Failure(f"{command[0]} printed {what}")
-    return done.stdout
+def sign(arguments: argparse.Namespace, scratch: Path, report: Report) -> None:
+    """Writes the document for the archive in `scratch`; the report tells whether devices will accept it."""
+    archive, document = scratch / ARCHIVE, scratch / DOCUMENT
+    key = PrivateKey(arguments.key, arguments.passphrase_file) if arguments.key else None
+    verifier = arguments.public_key
+    if key and not verifier:
+        verifier = scratch / "public.pem"
+        verifier.write_bytes(key.public_half())
+    if verifier and not check_key(verifier, report):
+        return
+    raw = key.sign(archive) if key else sign_with_command(archive, arguments.sign_command)
+    signature = base64.b64encode(raw).decode()
+    document.write_text(json.dumps({"url": arguments.url, "signature": signature}) + "\n")
+    if verifier:
+        check_signature(signature, document, archive, verifier, scratch, report)
 
 
-def make_bundle(arguments: argparse.Namespace, report: Report) -> str:
-    """What was made, in a line; empty if the report has errors."""
+def make_bundle(arguments: argparse.Namespace, report: Report) -> None:
+    """Makes nothing if the report has errors."""
     output: Path = arguments.output
     if output.resolve().is_relative_to(arguments.source.resolve()):
         raise Failure(f"{output}: is inside SOURCE_DIR")
     # On the same file system, so that the finished files need only be renamed.
     nearest = next(path for path in (output, *output.absolute().parents) if path.is_dir())
     with scratch_directory(nearest) as scratch:
-        archive, document, public = scratch / ARCHIVE, scratch / DOCUMENT, scratch / "public.pem"
-        key = arguments.key.read_bytes() if arguments.key else b""
-        check_address(arguments.url, document, report)
-        write_archive(arguments.source, archive, arguments.mtime)
-        check_archive(archive, scratch / "unpacked", report, secret=key)
-        if report.has_error():
-            return ""
-        verifier = arguments.public_key
-        if arguments.key:
-            opening = passphrase(key, arguments)
-            public.write_bytes(public_half(arguments.key, opening))
-            verifier = verifier or public
-        if verifier and not describe_key(verifier, report):
-            return ""
-        if arguments.key:
-            signature = base64.b64encode(sign_with_key(archive, arguments.key, opening))
-        else:
-            signature = base64.b64encode(sign_with_command(archive, arguments.sign_command))
-        document.write_text(json.dumps({"url": arguments.url, "signature": signature.decode()}) + "\n")
-        if verifier:
-            check_signature(signature, document, archive, verifier, scratch, report)
-        if report.has_error():
-            return ""
-        publish(scratch, output)
-    return (f"{output / ARCHIVE}: {report.facts['packed']}, SHA-256 {report.facts['SHA-256']}; "
-            f"{output / DOCUMENT}: {(output / DOCUMENT).stat().st_size} bytes; "
-            f"key: {report.facts.get('key', 'not verified')}")
+        secret = arguments.key.read_bytes() if arguments.key else b""
+        check_address(arguments.url, scratch / DOCUMENT, report)
+        write_archive(arguments.source, scratch / ARCHIVE, arguments.mtime)
+        check_archive(scratch / ARCHIVE, scratch / "unpacked", report, secret)
+        if not report.has_error():
+            sign(arguments, scratch, report)
+        if not report.has_error():
+            publish(scratch, output)
 
 
 def publish(scratch: Path, output: Path) -> None:
-    """Puts the archive and its document into place; no signal comes between."""
+    """Puts the archive and its document into place."""
     output.mkdir(parents=True, exist_ok=True)
-    signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)
-    try:
+    with signals_wait():
         for name in (ARCHIVE, DOCUMENT):
             os.replace(scratch / name, output / name)
-    finally:
-        signal.pthread_sigmask(signal.SIG_UNBLOCK, ENDING)
 
 
 def main() -> int:
     arguments = parse_arguments()
     report = Report()
-    made = make_bundle(arguments, report)
+    make_bundle(arguments, report)
     for finding in report.findings:
         print(f"{NAME}: {finding.severity}: {finding.text}", file=sys.stderr)
-    if not made:
+    if report.has_error():
         return 1
-    print(made)
+    print(f"{arguments.output / ARCHIVE}: {report.facts['packed']}, SHA-256 {report.facts['SHA-256']}; "
+          f"key: {report.facts.get('key', 'not verified')}")
     return 0

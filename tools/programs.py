@@ -21,6 +21,12 @@ def run(*command: str | Path, entered: bytes = b"") -> subprocess.CompletedProce
     return done
 
 
+def complaint(done: subprocess.CompletedProcess[bytes]) -> str:
+    """The line on standard error that says why the program failed."""
+    lines = done.stderr.decode(errors="replace").splitlines()
+    return next((line for line in lines if line and "Removing leading" not in line), "no reason given")
+
+
 def require_an_exit(program: str, returncode: int) -> None:
     if returncode < 0:
         raise Failure(f"{program} was killed by {signal.Signals(-returncode).name}")

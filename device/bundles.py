@@ -27,10 +27,6 @@ class Bundle:
         document = re.sub(rb'"url"\s*:\s*"(\\.|[^"\\])*"', lambda _: member, self.document, count=1)
         return replace(self, document=document)
 
-    def tampered(self) -> "Bundle":
-        """One bit of the archive differs from what was signed."""
-        return replace(self, archive=self.archive[:-1] + bytes([self.archive[-1] ^ 1]))
-
 
 def pack(source: Path, key: Path, url: str) -> Bundle:
     """A bundle of a directory's files, signed with the private `key`."""
@@ -43,11 +39,10 @@ def pack(source: Path, key: Path, url: str) -> Bundle:
                       Path(output, "zelo_installer_meta.json").read_bytes())
 
 
-def make_bundle(key: Path, url: str, script: str = SUCCEEDING_SCRIPT,
-                files: Mapping[str, bytes] | None = None) -> Bundle:
+def make_bundle(key: Path, url: str, script: str, files: Mapping[str, bytes]) -> Bundle:
     """A bundle with `script` as its run.sh and further files."""
     with TemporaryDirectory() as source:
-        for path, content in {"run.sh": script.encode(), **(files or {})}.items():
+        for path, content in {"run.sh": script.encode(), **files}.items():
             file = Path(source, path)
             file.parent.mkdir(parents=True, exist_ok=True)
             file.write_bytes(content)

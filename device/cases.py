@@ -13,9 +13,9 @@ from dataclasses import dataclass, replace
 from pathlib import Path
 
 from device.bundles import INSTALLED, SUCCEEDING_SCRIPT
-from device.https_server import Answer, authority
+from device.https_server import Answer
 from device.run import Run
-from device.virtual_device import AUTHORITIES, VirtualDevice
+from device.virtual_device import MARKER, VirtualDevice
 
 RETRIES = "zelo.installer.download.retries"
 TIMEOUT = "zelo.installer.download.timeout.seconds"
@@ -114,25 +114,23 @@ def signed(key: str) -> Change:
 
 
 def tampered(d: VirtualDevice) -> None:
-    d.publish(d.published.tampered())
+    """One bit of the archive differs from what was signed."""
+    archive = d.published.archive
+    d.publish(replace(d.published, archive=archive[:-1] + bytes([archive[-1] ^ 1])))
 
 
 def script(text: str) -> Change:
     return lambda d: d.publish(d.make_bundle(script=f"#!/bin/sh\nset -e\n{text}\n"))
 
 
-def raw_archive(content: bytes) -> Change:
-    return lambda d: d.publish(d.sign(content))
-
-
-def archive(name: str, mode: int = 0o755, content: str = SUCCEEDING_SCRIPT, packing: str = "gz") -> Change:
-    """An archive with this one member."""
+def archive(mode: int = 0o755, packing: str = "gz") -> Change:
+    """An archive with a run.sh that succeeds."""
     packed = io.BytesIO()
     with tarfile.open(mode=f"w:{packing}", fileobj=packed) as tar:
-        member = tarfile.TarInfo(name)
-        member.mode, member.size = mode, len(content)
-        tar.addfile(member, io.BytesIO(content.encode()))
-    return raw_archive(packed.getvalue())
+        member = tarfile.TarInfo("run.sh")
+        member.mode, member.size = mode, len(SUCCEEDING_SCRIPT)
+        tar.addfile(member, io.BytesIO(SUCCEEDING_SCRIPT.encode()))
+    return lambda d: d.publish(d.sign(packed.getvalue()))
 
 
 def tool(path: str, text: str | None) -> Change:
@@ -140,16 +138,8 @@ def tool(path: str, text: str | None) -> Change:
     return lambda d: d.path(path).unlink() if text is None else d.write(path, f"#!/bin/sh\n{text}\n", 0o755)
 
 
-def key_file(path: str, name: str | None) -> Change:
-    return lambda d: d.path(path).unlink() if name is None else d.install_key(path, name)
-
-
 def marker(d: VirtualDevice) -> None:
-    d.marker(True)
-
-
-def other_authority(d: VirtualDevice) -> None:
-    d.write(AUTHORITIES, authority("another").cert_pem.bytes())
+    d.write(MARKER, "")
 
 
 Play = Callable[[VirtualDevice], list[Run]]
@@ -169,7 +159,7 @@ class Case:
     script_runs: int
     shown: tuple[str, ...] = ()
     statuses: tuple[int, ...] = (0,)
-    published: str = ""  # for those who watch
+    published: str = ""  # what the demo says of it
     play: Play = start_once
 
     def faults(self, device: VirtualDevice, runs: list[Run]) -> list[str]:

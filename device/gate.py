@@ -2,21 +2,10 @@
 
 import os
 import signal
-import time
-from collections.abc import Callable
 from pathlib import Path
 
-from device import PATIENCE
+from device import until
 from device.virtual_device import VirtualDevice
-
-
-def until(condition: Callable[[], object]) -> None:
-    """Returns as soon as the condition holds."""
-    deadline = time.monotonic() + PATIENCE
-    while not condition():
-        if time.monotonic() > deadline:
-            raise TimeoutError("what was waited for did not happen")
-        time.sleep(0.002)
 
 
 def is_stopped(pid: int) -> bool:

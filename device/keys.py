@@ -1,25 +1,23 @@
-"""The keys that sign bundles, kept in the build directory."""
+"""The keys that sign bundles."""
 
-import os
 import subprocess
-import tempfile
 from pathlib import Path
 
-RSA = ("genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048")
-ELLIPTIC = ("genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256")
+RSA = ("-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048")
+ELLIPTIC = ("-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256")
 
 
 class Keys:
-    """Files under `directory`, made when they are first asked for.
+    """Key pairs in `directory`, made when they are first asked for.
 
-    Any name makes a key pair. That of "dev" is an elliptic curve's, all others are RSA.
+    Any name makes one. That of "dev" is an elliptic curve's, all others are RSA.
     """
 
     def __init__(self, directory: Path):
         self._directory = directory
 
     def private(self, name: str) -> Path:
-        return self._made(f"{name}.key", *(ELLIPTIC if name == "dev" else RSA))
+        return self._made(f"{name}.key", "genpkey", *(ELLIPTIC if name == "dev" else RSA))
 
     def public(self, name: str) -> Path:
         return self._made(f"{name}.pub", "pkey", "-in", self.private(name), "-pubout")
@@ -27,12 +25,6 @@ class Keys:
     def _made(self, name: str, *command: str | Path) -> Path:
         path = self._directory / name
         if not path.exists():
-            self._directory.mkdir(parents=True, exist_ok=True)
-            with tempfile.NamedTemporaryFile(dir=self._directory) as unfinished:
-                subprocess.run(["openssl", *command, "-out", unfinished.name], check=True,
-                               stderr=subprocess.DEVNULL)
-                try:
-                    os.link(unfinished.name, path)
-                except FileExistsError:
-                    pass  # another process was first, and its file counts
+            self._directory.mkdir(exist_ok=True)
+            subprocess.run(["openssl", *command, "-out", path], check=True, stderr=subprocess.DEVNULL)
         return path

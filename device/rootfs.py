@@ -11,20 +11,12 @@ from pathlib import Path
 
 from device import alone
 from device.architecture import architecture, native_build
-from device.services import TransferService
 
 FROM_HOST = ("/bin/sh", "/bin/tar", "/bin/gzip", "/bin/base64", "/bin/mv", "/usr/bin/openssl",
              "/usr/bin/curl", "/usr/bin/dbus-send", "/usr/bin/timeout")
 DAEMON = "/usr/sbin/zeloinstall"
-FROM_BUILD = {
-    "/usr/bin/vestrel": "standin/vestrel",
-    TransferService.PROGRAM: "standin/transfer-service",
-}
-TOOLS = Path(__file__).resolve().parents[1] / "standin" / "tools"
-SCRIPTS = {
-    "/usr/bin/kbus-set-prop": TOOLS / "kbus-set-prop",
-    "/usr/bin/kbus-send-event": TOOLS / "kbus-send-event",
-}
+TRANSFER_SERVICE, UI_SHELL = "/usr/sbin/transfer-service", "/usr/bin/vestrel"
+BUS_TOOLS = Path(__file__).resolve().parents[1] / "standin" / "tools"
 LONGEST_WAY = 1000  # names of a path, or it is a loop of links
 DIRECTORIES = ("dev", "etc/zelo", "etc/ssl/certs", "proc", "run", "tmp", "usr/bin", "usr/lib", "usr/lib64",
                "usr/sbin", "var/lib/prefbox", "var/run")
@@ -59,21 +51,24 @@ def libraries(program: Path) -> dict[str, Path]:
     listing = subprocess.run([*kind.ldd, program], capture_output=True, text=True, check=False).stdout
     if missing := re.findall(r"^\s*(\S+) => not found", listing, re.MULTILINE):
         raise FileNotFoundError(f"{program} needs {', '.join(missing)}")
-    # The loader searches the directory without being told; the loader itself has one fixed path.
-    linked = re.findall(r"(\S+) => (/.+) \(0x", listing)
-    found = {f"{kind.directory}/{name}": kind.here(path) for name, path in linked}
-    found.update((path, kind.here(path)) for path in re.findall(r"^\s*(/\S+) \(0x", listing, re.MULTILINE))
+    found = {}
+    for name, path in re.findall(r"(?:(\S+) => )?(/.+) \(0x", listing):
+        # The loader searches the directory without being told; the loader itself has one fixed path.
+        found[f"{kind.directory}/{name}" if name else path] = kind.here(path)
     return found
 
 
 def device_programs(build: Path) -> dict[str, Path]:
     """What is on a device so that the daemon can run there: path on the device -> path here."""
-    programs = {path: Path(os.path.realpath(path)) for path in FROM_HOST}
-    programs.update((path, native_build(build) / name) for path, name in FROM_BUILD.items())
-    programs.update(SCRIPTS)
-    programs[DAEMON] = build / "zeloinstall"
-    programs.update((path, Path(path)) for path in architecture(programs[DAEMON]).launcher)
-    return programs
+    daemon, standin = build / "zeloinstall", native_build(build) / "standin"
+    return {
+        **{path: Path(os.path.realpath(path)) for path in FROM_HOST},
+        **{path: Path(path) for path in architecture(daemon).launcher},
+        DAEMON: daemon,
+        TRANSFER_SERVICE: standin / "transfer-service",
+        UI_SHELL: standin / "vestrel",
+        **{f"/usr/bin/{name}": BUS_TOOLS / name for name in ("kbus-set-prop", "kbus-send-event")},
+    }
 
 
 def fill(root: Path, build: Path, files: Mapping[str, Path]) -> None:

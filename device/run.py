@@ -4,8 +4,8 @@ import signal
 import subprocess
 from pathlib import Path
 
-from device import PATIENCE
-from device.syslog_receiver import LogLine, SyslogReceiver
+from device import PATIENCE, until
+from device.syslog_receiver import SyslogReceiver
 
 
 class Run:
@@ -28,12 +28,12 @@ class Run:
         self._process.send_signal(signum)
 
     def kill(self) -> None:
-        self._process.send_signal(signal.SIGKILL)
-        self._process.wait()
+        self.send(signal.SIGKILL)
+        self.wait()
 
-    def wait_for_line(self, text: str, timeout: float = PATIENCE) -> LogLine:
-        """The first line of this start that holds `text`, as soon as it is there."""
-        return self._syslog.wait_for(text, self.pid, timeout)
+    def wait_for_line(self, text: str) -> None:
+        """Returns as soon as this start has logged a line that holds `text`."""
+        until(lambda: any(text in line for line in self.log_lines()), f"no log line {text!r}")
 
     def log_lines(self) -> list[str]:
         """The texts that this start has logged; before it opens its log they carry no process id, and only

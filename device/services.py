@@ -1,30 +1,14 @@
 """The programs that run beside the daemon: the message bus, the transfer service and the UI shell."""
 
-import re
+import shlex
 import subprocess
-import threading
 from collections.abc import Sequence
 from pathlib import Path
 
-from device import PATIENCE
+from device import until
 
 NO_ENVIRONMENT: dict[str, str] = {}
 BUS_SOCKET = "run/kbus.sock"
-TRANSFER_SERVICE, SHELL = "com.qorvex.transfer", "com.qorvex.vestrel"
-BUS_CONFIG = """\
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-"""
 
 
 def enter(root: Path) -> list[str]:
@@ -33,64 +17,42 @@ def enter(root: Path) -> list[str]:
 
 
 class Service:
-    """A program that is ready once it has written a certain line; what it writes is kept."""
+    """A program that is ready once it has written a line that begins with `ready`."""
 
-    def __init__(self, command: Sequence[str | Path], cwd: Path, ready: str):
-        self._name = " ".join(map(str, command))
-        self._lines: list[str] = []
-        self._ended = False
-        self._changed = threading.Condition()
-        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, cwd=cwd, env=NO_ENVIRONMENT, text=True,
-                                        errors="replace", start_new_session=True)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-        try:
-            self.wait_for(ready)
-        except BaseException:
-            self.stop()
-            raise
+    def __init__(self, command: Sequence[str], output: Path, ready: str):
+        self._command = command
+        self._output = output
+        self._ready = ready
+        self._process: subprocess.Popen[bytes] | None = None
 
-    def lines(self) -> list[str]:
-        with self._changed:
-            return list(self._lines)
-
-    def wait_for(self, pattern: str) -> str:
-        """The first line that matches the regular expression; fails when the program ends without it."""
-        def found() -> str | None:
-            return next((line for line in self._lines if re.fullmatch(pattern, line)), None)
-
-        with self._changed:
-            self._changed.wait_for(lambda: self._ended or found() is not None, PATIENCE)
-            if (line := found()) is None:
-                raise RuntimeError(f"{self._name}: no line {pattern!r} but {self._lines}")
-            return line
+    def start(self) -> None:
+        """Returns when it is ready; it works until `stop`."""
+        with open(self._output, "wb") as output:
+            process = subprocess.Popen(self._command, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                                       cwd=self._output.parent, env=NO_ENVIRONMENT, start_new_session=True)
+        self._process = process
+        name = shlex.join(self._command)
+        until(lambda: process.poll() is not None or self._is_ready(), f"{name} is not ready")
+        if not self._is_ready():
+            raise RuntimeError(f"{name} has ended: {self.lines()}")
 
     def stop(self) -> None:
-        self.process.kill()
-        self.process.wait()
-        self._reader.join()
+        if self._process is not None:
+            self._process.kill()
+            self._process.wait()
 
-    def _read(self) -> None:
-        for line in self.process.stdout or ():
-            self._append(line.rstrip("\n"))
-        with self._changed:
-            self._ended = True
-            self._changed.notify_all()
+    def lines(self) -> list[str]:
+        """What it has written since its start."""
+        return self._output.read_text(errors="replace").splitlines()
 
-    def _append(self, line: str) -> None:
-        with self._changed:
-            self._lines.append(line)
-            self._changed.notify_all()
+    def _is_ready(self) -> bool:
+        return any(line.startswith(self._ready) for line in self.lines())
 
 
-def start_bus(base: Path, root: Path) -> Service:
-    """The message bus. It runs outside the root; programs inside reach its socket."""
-    config = base / "bus.conf"
-    config.write_text(BUS_CONFIG.format(socket=root / BUS_SOCKET))
-    command = ["/usr/bin/dbus-daemon", f"--config-file={config}", "--nofork", "--nopidfile", "--nosyslog",
-               "--print-address=1"]
-    return Service(command, base, "unix:path=.*")
+def bus_command(socket: Path) -> list[str]:
+    """What starts the message bus; its first line is its address."""
+    return ["/usr/bin/dbus-daemon", "--session", f"--address=unix:path={socket}", "--nofork", "--nopidfile",
+            "--nosyslog", "--print-address"]
 
 
 def set_property(root: Path, service: str, name: str, value: str) -> bool:
@@ -99,31 +61,3 @@ def set_property(root: Path, service: str, name: str, value: str) -> bool:
                f"--dest={service}", "/", "org.freedesktop.DBus.Properties.Set",
                f"string:{service}", f"string:{name}", f"variant:{value}"]
     return subprocess.run(command, env=NO_ENVIRONMENT, capture_output=True, check=False).returncode == 0
-
-
-class TransferService(Service):
-    """The transfer service, inside the root: it downloads for the daemon."""
-
-    PROGRAM = "/usr/sbin/transfer-service"
-
-    def __init__(self, base: Path, entering: Sequence[str]):
-        super().__init__([*entering, self.PROGRAM], base, "transfer-service: ready")
-
-
-class Shell:
-    """The UI shell, inside the root."""
-
-    def __init__(self, base: Path, root: Path, entering: Sequence[str]):
-        self._root = root
-        self._service = Service([*entering, "/usr/bin/vestrel"], base, "vestrel: ready")
-        self._asked = 0
-        self.stop = self._service.stop
-
-    def lines(self) -> list[str]:
-        """What the shell has shown for everything that was sent to it until now."""
-        # The bus keeps the order, so the answer to this comes after everything that was sent before.
-        self._asked += 1
-        if set_property(self._root, SHELL, "load", f"string:barrier-{self._asked}"):
-            self._service.wait_for(f"vestrel: load = barrier-{self._asked}")
-        own = re.compile(r"vestrel: (ready|load = barrier-\d+)")
-        return [line for line in self._service.lines() if not own.fullmatch(line)]

@@ -1,7 +1,6 @@
 """The device's log: a receiver on its /dev/log that keeps what arrives."""
 
 import re
-import select
 import socket
 import threading
 import time
@@ -12,16 +11,16 @@ from pathlib import Path
 from device import PATIENCE
 
 LEVELS = {3: "err", 4: "warning", 5: "notice"}
-DATAGRAM = re.compile(r"<(\d+)>\w{3} [ \d]\d [\d:]{8} ([^\[:]*)(?:\[(\d+)\])?: (.*)", re.DOTALL)
+DATAGRAM = re.compile(r"<(\d+)>\w{3} [ \d]\d ([\d:]{8}) ([^\[:]*)(?:\[(\d+)\])?: (.*)", re.DOTALL)
 
 
 @dataclass(frozen=True)
 class LogLine:
-    raw: bytes
-    priority: int  # facility and level; -1 when the datagram is not in the usual form
-    ident: str
-    pid: int | None
-    text: str
+    text: str  # the whole datagram when it is not in the usual form
+    priority: int = -1  # facility and level
+    clock: str = ""  # hh:mm:ss where the sender is
+    ident: str = ""
+    pid: int | None = None
     arrived: float = field(default_factory=time.monotonic)
 
     @property
@@ -32,13 +31,13 @@ class LogLine:
     def parse(cls, raw: bytes) -> "LogLine":
         text = raw.rstrip(b"\0").decode(errors="surrogateescape")
         if match := DATAGRAM.fullmatch(text):
-            priority, ident, pid, message = match.groups()
-            return cls(raw, int(priority), ident, int(pid) if pid else None, message)
-        return cls(raw, -1, "", None, text)
+            priority, clock, ident, pid, message = match.groups()
+            return cls(message, int(priority), clock, ident, int(pid) if pid else None)
+        return cls(text)
 
 
 class SyslogReceiver:
-    """Reads from construction to `close`, or to `pause`."""
+    """Reads from construction to `close`, or to `fill`."""
 
     def __init__(self, path: Path):
         self._path = str(path)
@@ -46,41 +45,27 @@ class SyslogReceiver:
         self._socket.bind(self._path)
         path.chmod(0o666)
         self._sender = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._sender.connect(self._path)  # which lasts when somebody removes the path
+        self._sender.connect(self._path)  # this stays when somebody removes the path
         self._sender.settimeout(PATIENCE)
         self._lines: list[LogLine] = []
-        self._changed = threading.Condition()
-        self._waker, woken = socket.socketpair()
-        thread = threading.Thread(target=self._read, args=(woken,), daemon=True)
-        thread.start()
-        self._thread: threading.Thread | None = thread
+        self._marker = uuid.uuid4().bytes
+        self._marker_read = threading.Semaphore(0)
+        self._reading = True
+        self._thread = threading.Thread(target=self._read, daemon=True)
+        self._thread.start()
 
     def lines(self, pid: int | None = None) -> list[LogLine]:
         """All that was logged until now, or what one process logged."""
-        self._catch_up()
-        with self._changed:
-            return [line for line in self._lines if pid in (None, line.pid)]
-
-    def wait_for(self, text: str, pid: int | None = None, timeout: float = PATIENCE) -> LogLine:
-        """The first line that holds `text`, as soon as it is there."""
-        def found() -> LogLine | None:
-            return next((line for line in self._lines if text in line.text and pid in (None, line.pid)), None)
-
-        with self._changed:
-            if line := self._changed.wait_for(found, timeout):
-                return line
-            raise TimeoutError(f"no log line {text!r} among {[line.text for line in self._lines]}")
-
-    def pause(self) -> None:
-        """Stops reading: once this has returned, what is sent stays in the socket."""
-        if self._thread is not None:
-            self._waker.close()
-            self._thread.join()
-            self._thread = None
+        if self._reading:
+            # Datagrams arrive in order: everything sent before the marker is read before it.
+            self._sender.send(self._marker)
+            if not self._marker_read.acquire(timeout=PATIENCE):
+                raise TimeoutError("the log receiver has stopped")
+        return [line for line in self._lines if pid in (None, line.pid)]
 
     def fill(self) -> None:
         """Stops reading and leaves no room in the socket, so that any program that logs has to wait."""
-        self.pause()
+        self._stop_reading()
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.setblocking(False)
             try:
@@ -90,27 +75,20 @@ class SyslogReceiver:
                 pass
 
     def close(self) -> None:
-        self.pause()
+        if self._reading:
+            self._stop_reading()
         self._sender.close()
         self._socket.close()
 
-    def _read(self, woken: socket.socket) -> None:
-        with woken:
-            while woken not in (ready := select.select([self._socket, woken], [], [])[0]):
-                line = LogLine.parse(ready[0].recv(1 << 16))
-                with self._changed:
-                    self._lines.append(line)
-                    self._changed.notify_all()
+    def _stop_reading(self) -> None:
+        self._reading = False
+        self._sender.send(self._marker)  # wakes the thread
+        self._thread.join()
 
-    def _catch_up(self) -> None:
-        # Datagrams arrive in order: whatever a process that has ended sent came before this one.
-        if self._thread is None:
-            return
-        marker = uuid.uuid4().bytes
-        self._sender.send(marker)
-        deadline = time.monotonic() + PATIENCE
-        with self._changed:
-            while not any(line.raw == marker for line in self._lines):
-                if not self._changed.wait(deadline - time.monotonic()):
-                    raise TimeoutError("the log receiver has stopped")
-            self._lines = [line for line in self._lines if line.raw != marker]
+    def _read(self) -> None:
+        while self._reading:
+            datagram = self._socket.recv(1 << 16)
+            if datagram == self._marker:
+                self._marker_read.release()
+            else:
+                self._lines.append(LogLine.parse(datagram))

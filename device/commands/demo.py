@@ -6,20 +6,16 @@ from pathlib import Path
 
 from device.bundles import RECORD
 from device.cases import (ANOTHER, BUNDLE_FAILED, DEV_REFUSED, END, LOST, METADATA_FAILED, NO_COMMAND, NOBODY,
-                          RETRIES, STAGES, TEMPLATE, Case, together, failing, good, marker, nothing,
-                          raw_archive, ready_device, script, setting, signed, tampered)
+                          RETRIES, STAGES, TEMPLATE, Case, archive, failing, good, marker, members, nothing,
+                          ready_device, script, setting, signed, tampered, together)
 from device.gate import Gate
-from device.https_server import Content, Status
+from device.https_server import HOST, Answer
 from device.run import Run
 from device.virtual_device import ARCHIVE, VirtualDevice
 
 
-def plain_http(device: VirtualDevice) -> None:
-    device.publish(device.published.with_url(device.url(ARCHIVE).replace("https:", "http:")))
-
-
 def failing_once(device: VirtualDevice) -> None:
-    device.server.answer(ARCHIVE, Status(503), Content(device.published.archive))
+    device.server.answer(ARCHIVE, Answer(status=503), Answer(device.published.archive))
     device.set_pref(RETRIES, "3")
 
 
@@ -47,8 +43,9 @@ CASES = (
     failing("unreachable", together(setting(TEMPLATE, NOBODY), setting(RETRIES, "1")), 1, LOST, "02",
             *[METADATA_FAILED + LOST] * 2,
             published="nothing: nobody listens at the configured address; one retry"),
-    failing("address-refused", plain_http, 1, "http/loopback address not allowed", "02",
-            published="a document that names an http address"),
+    failing("address-refused", together(members(url=f"http://{HOST}{ARCHIVE}"), setting(RETRIES, "3")), 1,
+            "http/loopback address not allowed", "02",
+            published="a document that names an http address; no retry, although three are allowed"),
     failing("tampered", tampered, 3, NO_COMMAND, "00",
             published="a bundle with one bit changed after it was signed"),
     failing("development-key", signed("dev"), 3, NO_COMMAND, "00",
@@ -57,8 +54,8 @@ CASES = (
          published="a bundle signed with the development key, for a device with debugging features"),
     good("debugging-marker-production", marker, DEV_REFUSED + NO_COMMAND,
          published="a bundle signed with the production key, for a device with debugging features"),
-    failing("no-archive", raw_archive(b"this is no gzip archive\n"), 4, NO_COMMAND, "01",
-            published="signed bytes that are no gzip archive"),
+    failing("not-compressed", archive(packing=""), 4, NO_COMMAND, "01",
+            published="a signed archive that is not compressed"),
     Case("recovering", failing_once, [*STAGES[:2], BUNDLE_FAILED + LOST, *STAGES[2:], END], 1,
          published="a good bundle, but the first request gets status 503"),
     Case("deferred", lambda d: d.defer_transfers(9), [*STAGES, END], 1, play=start_and_undefer,

@@ -10,11 +10,12 @@ from pathlib import Path
 
 import pytest
 
+from device import until
 from device.bundles import INSTALLED
 from device.cases import (METADATA_FAILED, RETRIES, SEND_EVENT, SET_PROP, STAGES, TEMPLATE, Change,
                           answer, together, going_down, nothing, own_lines, script, setting, told_user)
-from device.gate import Gate, until
-from device.https_server import Content, Status
+from device.gate import Gate
+from device.https_server import Answer
 from device.run import Run
 from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
 
@@ -38,7 +39,7 @@ class Moment:
             script(f"{Gate.WAIT}echo > {INSTALLED}")(device)
         elif self.place in (DOCUMENT, ARCHIVE):
             content = device.published.document if self.place == DOCUMENT else device.published.archive
-            device.server.answer(self.place, Content(content, self.event))
+            device.server.answer(self.place, Answer(content, event=self.event))
         elif self.place != "pause":
             gate.hold(self.place)
 
@@ -61,16 +62,11 @@ class Moment:
 
 STALLED, RUN_SH = Moment(DOCUMENT, 1, 1), Moment("run.sh", 5, 2)
 MOMENTS = [
-    STALLED, Moment("pause", 1, 2, together(setting(RETRIES, "9"), answer(DOCUMENT, Status(503)))),
+    STALLED, Moment("pause", 1, 2, together(setting(RETRIES, "9"), answer(DOCUMENT, Answer(status=503)))),
     Moment(ARCHIVE, 2, 2), Moment("/bin/base64", 3, 2), Moment("/usr/bin/openssl", 3, 2),
     Moment("/bin/tar", 4, 2), RUN_SH,
     Moment(SET_PROP, 1, 0, setting(TEMPLATE, None), ("load = zelo",)),
     Moment(SEND_EVENT, 1, 0, setting(TEMPLATE, None), ("load = zelo", "showError 99"))]
-
-
-def storm(run: Run, count: int, seed: int = 0) -> None:
-    for signum in random.Random(seed).choices(TERMINATION + HARMLESS, k=count):
-        run.send(signum)
 
 
 @pytest.mark.parametrize("moment", MOMENTS, ids=[moment.place for moment in MOMENTS])
@@ -93,13 +89,14 @@ def test_each_signal(device: VirtualDevice, gate: Gate, moment: Moment) -> None:
         else:
             run.send(signum)
             run.wait_for_line(going_down(signum))
-            storm(run, 500)
+            for other in random.Random(0).choices(TERMINATION + HARMLESS, k=500):
+                run.send(other)
             if program:
                 time.sleep(0.1)
                 assert run.status is None and device.lock_holder() == run.pid
         moment.release(gate)
         assert run.wait() == -signum
-        assert device.lock_was_released()
+        assert device.lock_holder() is None
         lines = own_lines(run)
         assert [line for line in lines if line in STAGES] == STAGES[:moment.stages], lines
         assert [line for line in lines if "signum" in line] == lines[-1:] == [going_down(signum)], lines
@@ -126,7 +123,7 @@ def test_stuck_log_receiver(device: VirtualDevice, gate: Gate, moment: Moment | 
         assert run.status is None and device.lock_holder() == run.pid
         moment.release(gate)
     assert run.wait() == -signal.SIGTERM
-    assert device.lock_was_released()
+    assert device.lock_holder() is None
 
 
 @pytest.mark.usefixtures("plain_only")
@@ -135,3 +132,12 @@ def test_crash_leaves_its_dump(device: VirtualDevice, signum: signal.Signals) ->
     script(f"kill -{int(signum)} $PPID")(device)
     run = device.start()
     assert run.wait() == -signum and f"fatal signal {signum.name}" in run.output(), run.output()
+
+
+@pytest.mark.usefixtures("confined_only")
+def test_first_process_of_a_container(device: VirtualDevice) -> None:
+    """Signals have no default action there: its exit status tells which one ended it."""
+    script("kill -TERM $PPID")(device)
+    run = device.start(prefix=["/usr/bin/unshare", "--pid", "--fork"])
+    assert run.wait() == 128 + signal.SIGTERM
+    assert own_lines(device) == [*STAGES, going_down(signal.SIGTERM)]

@@ -2,52 +2,45 @@
 
 import json
 import shutil
-from collections.abc import Iterator
-from contextlib import closing, contextmanager
-from itertools import chain
 from pathlib import Path
 
 from booted_root import BootedRoot
-from device.gate import until
-from device.https_server import AUTHORITY, HOST, Content, Server, authority
-from device.keys import Keys
-from device.services import BUS_CONFIG
+from device import until
+from device.https_server import HOST, Answer, Server, authority
+from device.rootfs import TRANSFER_SERVICE, UI_SHELL, device_programs
+from device.services import bus_command
 from device.virtual_device import ARCHIVE, DOCUMENT
 
-ROOT = Path(__file__).resolve().parents[2]
-SERVICES = {"kbus": "/usr/bin/dbus-daemon --config-file=/etc/kbus.conf --nofork --nopidfile",
-            "transfer-service": "/usr/sbin/transfer-service", "vestrel": "/usr/bin/vestrel"}
 SETTINGS = "/var/lib/prefbox/zelo.installer.download"
 AUTHOR = "/run/author"
 
 
 class SystemdDevice(BootedRoot):
+    """`root` is a directory that ci/check-packages has made."""
+
     def __init__(self, root: Path, server: Server):
         super().__init__(root)
         self.server = server
-        self.url = f"https://{HOST}:{server.port}"
 
-    def prepare(self, build: Path, keys: Keys) -> None:
-        for place, directory in (("/usr/sbin/transfer-service", build / "standin"),
-                                 ("/usr/bin/vestrel", build / "standin"),
-                                 ("/usr/bin/kbus-set-prop", ROOT / "standin" / "tools"),
-                                 ("/usr/bin/kbus-send-event", ROOT / "standin" / "tools")):
-            shutil.copy(directory / Path(place).name, self.path(place))
+    def prepare(self, build: Path) -> None:
+        for path in TRANSFER_SERVICE, UI_SHELL, "/usr/bin/kbus-set-prop", "/usr/bin/kbus-send-event":
+            shutil.copy(device_programs(build)[path], self.path(path))
         for path, text in {
-            "/etc/hosts": f"127.0.0.1 {HOST}\n", "/etc/kbus.conf": BUS_CONFIG.format(socket="/run/kbus.sock"),
+            "/etc/hosts": f"127.0.0.1 {HOST}\n",
             "/etc/device-info": "[device]\nsoftware_version=1\nsoftware_package_name=base\n",
-            "/etc/ssl/certs/ca-certificates.crt": authority(AUTHORITY).cert_pem.bytes().decode(),
-            "/etc/zelo/pubkeyprod.pem": keys.public("prod").read_text(),
-            f"{AUTHOR}/key": keys.private("prod").read_text(),
-            "/var/lib/prefbox/url.zelo.installer.metadata": f"{self.url}{DOCUMENT}?%s&%s",
+            "/etc/ssl/certs/ca-certificates.crt": authority().cert_pem.bytes().decode(),
+            "/var/lib/prefbox/url.zelo.installer.metadata": f"{self.server.url(DOCUMENT)}?%s&%s",
             f"{SETTINGS}.retries": "0", f"{SETTINGS}.timeout.seconds": "900",
         }.items():
             self.write(path, text)
-        for name, command in SERVICES.items():
-            self.write(f"/etc/systemd/system/{name}.service", f"[Service]\nExecStart={command}\n")
-            self.run("systemctl", "start", name)
-            until(lambda: self.path("/run/kbus.sock").exists() if name == "kbus"
-                  else "ready" in self.run("journalctl", f"--unit={name}"))
+        self.run("mkdir", AUTHOR, "/etc/zelo")
+        self.run("openssl", "genpkey", "-algorithm", "RSA", "-out", f"{AUTHOR}/key")
+        self.run("openssl", "pkey", "-in", f"{AUTHOR}/key", "-pubout", "-out", "/etc/zelo/pubkeyprod.pem")
+        self.run("systemd-run", *bus_command(Path("/run/kbus.sock")))
+        until(self.path("/run/kbus.sock").exists)
+        for name, program in ("transfer-service", TRANSFER_SERVICE), ("vestrel", UI_SHELL):
+            self.run("systemd-run", f"--unit={name}", program)
+            until(lambda: "ready" in self.run("journalctl", f"--unit={name}"))
 
     def write(self, path: str, text: str) -> None:
         self.path(path).parent.mkdir(parents=True, exist_ok=True)
@@ -57,11 +50,11 @@ class SystemdDevice(BootedRoot):
         """Makes and checks the bundle with the tools that are installed on the device."""
         self.write(f"{AUTHOR}/bundle/run.sh", f"#!/bin/sh\n{script}\n")
         self.path(f"{AUTHOR}/bundle/run.sh").chmod(0o755)
-        self.run("zelo-make-bundle", f"--key={AUTHOR}/key", f"--url={self.url}{ARCHIVE}",
+        self.run("zelo-make-bundle", f"--key={AUTHOR}/key", f"--url={self.server.url(ARCHIVE)}",
                  f"--output={AUTHOR}", f"{AUTHOR}/bundle")
         self.run("zelo-check-bundle", AUTHOR + DOCUMENT, AUTHOR + ARCHIVE, "/etc/zelo/pubkeyprod.pem")
         for path in (DOCUMENT, ARCHIVE):
-            self.server.answer(path, Content(self.path(AUTHOR + path).read_bytes()))
+            self.server.answer(path, Answer(self.path(AUTHOR + path).read_bytes()))
 
     def start(self, *options: str, status: int = 0) -> None:
         self.run("systemctl", "start", *options, "zeloinstall", status=status)
@@ -80,14 +73,5 @@ class SystemdDevice(BootedRoot):
 
     def files(self) -> set[str]:
         """Every path but those in memory and those that keep record of what was done."""
-        records = (f"-not -path /var/{path}/*".split() for path in ("lib/dpkg", "log", "cache"))
-        return set(self.run("find", "/", "-xdev", *chain(*records)).splitlines())
-
-
-@contextmanager
-def running_device(root: Path, build: Path) -> Iterator[SystemdDevice]:
-    """`root` is a directory that ci/check-packages has made. Raises `CannotBoot`."""
-    keys = Keys(build / "device" / "keys")
-    with closing(Server()) as server, SystemdDevice(root, server) as device:
-        device.prepare(build, keys)
-        yield device
+        records = "-not -path /var/lib/dpkg/* -not -path /var/log/* -not -path /var/cache/*"
+        return set(self.run("find", "/", "-xdev", *records.split()).splitlines())

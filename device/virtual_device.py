@@ -17,7 +17,7 @@ from typing import Any
 from device import alone
 from device.architecture import architecture
 from device.bundles import SUCCEEDING_SCRIPT, Bundle, make_bundle, sign
-from device.https_server import HOST, Answer, Server, authority
+from device.https_server import Answer, Server, authority
 from device.keys import Keys
 from device.rootfs import DAEMON, TRANSFER_SERVICE, UI_SHELL, fill, inside, make_null_device
 from device.run import Run

@@ -6,9 +6,8 @@ from pathlib import Path
 
 from command import Stopped
 
-from device import alone, services
+from device import services
 from device.cases import RETRIES, TIMEOUT
-from device.keys import Keys
 from device.trial import confinement
 from device.trial.changes import differences, entries
 from device.trial.lines import printable, shortened, show
@@ -66,9 +65,8 @@ def main() -> int:
     if not arguments.root:
         files = {BUSYBOX: Path(BUSYBOX).resolve(), **files}
     system = System(arguments.root)
-    device = VirtualDevice(build, files, services.enter if why_not else confinement.confine, system.fill)
-    device.keys = Keys(alone.place() / "keys")  # the build may be somebody else's
-    with device:
+    enter = services.enter if why_not else confinement.confine
+    with VirtualDevice(build, files, enter, system.fill) as device:
         if one_user():
             print("the device has no user but root, because you are not root: chown to others fails there")
         show("put on the device, which lacks them", system.added)

@@ -47,7 +47,7 @@ class System:
         programs = {**device_programs(build), **files}
         self.added = [path for path in FROM_HOST if not os.access(_followed(root, path), os.X_OK)]
         for path, source in programs.items():
-            if path not in FROM_HOST or path in self.added:
+            if path in files or path not in FROM_HOST or path in self.added:
                 _put(root, path, source)
 
 

@@ -12,6 +12,7 @@ import time
 from pathlib import Path
 from typing import NamedTuple
 
+from device import alone
 from device.rootfs import DAEMON
 from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
 
@@ -79,4 +80,5 @@ def main() -> None:
 
 
 if __name__ == "__main__":
+    alone.enter()
     main()

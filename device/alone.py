@@ -74,7 +74,7 @@ def directory() -> Iterator[Path]:
 def enter() -> None:
     """Returns in a new process, which is alone. The one that calls this ends as the new one does."""
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {*PASSED_ON, signal.SIGCHLD})
-    # What runs alone may start others like that, which see its files.
+    # A command that already runs alone may start another, which sees its files.
     memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
     first = _enter_namespaces(memory)
     if not first:

@@ -87,7 +87,7 @@ def _overlay(own: Path, root: Path) -> bool:
 
 
 def _copy_tree(source: Path, target: Path) -> None:
-    """But nothing that a system mounts; cp says what else could not be copied, and goes on."""
+    """Leaves out what a system mounts. What cannot be copied either is named by cp, and left out."""
     mounted = [word for name in ("dev", "proc", "sys") for word in ("!", "-name", name)]
     owners = ["--no-preserve=ownership"] if one_user() else []
     subprocess.run(["find", source, "-mindepth", "1", "-maxdepth", "1", *mounted,

@@ -57,6 +57,7 @@ class VirtualDevice:
             self._try_a_program()
             self.syslog = stack.enter_context(closing(SyslogReceiver(self.path("/dev/log"))))
             self.server = stack.enter_context(closing(Server()))
+            self.published = Bundle(b"", b"")
             # Outside the root; programs inside reach its socket.
             bus = Service(bus_command(self.root / BUS_SOCKET), self._base / "bus.output", "unix:path=")
             self.transfers = self._service(TRANSFER_SERVICE)

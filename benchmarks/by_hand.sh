@@ -3,18 +3,15 @@
 set -eu
 PATH=/usr/bin:/bin
 directory=/tmp/bench
-
-fetch() {
-  # All servers of the virtual device are on this machine.
+download() {
   curl -sSf --connect-to ::127.0.0.1: --cacert /etc/ssl/certs/ca-certificates.crt "$@"
 }
-
-document=$(fetch "$1")
+document=$(download "$1")
 url=${document#*'"url": "'}
 url=${url%%'"'*}
 signature=${document#*'"signature": "'}
 signature=${signature%%'"'*}
-fetch -o "$directory/archive" "$url"
+download -o "$directory/archive" "$url"
 echo "$signature" | base64 -d >"$directory/decoded"
 openssl dgst -sha256 -verify /etc/zelo/pubkeyprod.pem -signature "$directory/decoded" "$directory/archive" >/dev/null
 tar -xzf "$directory/archive" -C "$directory"

@@ -12,7 +12,6 @@ import time
 from pathlib import Path
 from typing import NamedTuple
 
-from device import alone
 from device.rootfs import DAEMON
 from device.virtual_device import ARCHIVE, DOCUMENT, VirtualDevice
 
@@ -80,5 +79,4 @@ def main() -> None:
 
 
 if __name__ == "__main__":
-    alone.enter()
     main()

@@ -71,8 +71,7 @@ def directory() -> Iterator[Path]:
         _remove(path)
 
 
-def enter() -> None:
-    """Returns in a new process, which is alone. The one that calls this ends as the new one does."""
+def main() -> None:
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {*PASSED_ON, signal.SIGCHLD})
     # A command that already runs alone may start another, which sees its files.
     memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
@@ -88,7 +87,8 @@ def enter() -> None:
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C shows a traceback
         signal.pthread_sigmask(signal.SIG_SETMASK, before)
-        return
+        # The interpreter ignores these two.
+        os.execv("/usr/bin/env", ["env", "--default-signal=SIGPIPE,SIGXFSZ", *sys.argv[1:]])
 
     status = _attend(command)
     if first:
@@ -155,6 +155,4 @@ def _remove(path: Path) -> None:
 if __name__ == "__main__":
     if len(sys.argv) == 1:
         sys.exit(__doc__)
-    enter()
-    # The interpreter ignores these.
-    os.execv("/usr/bin/env", ["env", "--default-signal=SIGPIPE,SIGXFSZ", *sys.argv[1:]])
+    main()

@@ -51,19 +51,17 @@ bool Fetch::start(const std::string& address, const std::string& destination) {
       "--connect-timeout", "30", "--speed-limit", "1", "--speed-time", "30",
       "--write-out", responseFormat, "--output", destination.c_str(), "--", address.c_str(), nullptr};
   // clang-format on
-  process_ = g_subprocess_launcher_spawnv(launcher, command, nullptr);
-  if (process_ == nullptr) return false;
-  g_subprocess_communicate_utf8_async(process_, nullptr, listening_, onEnd, this);
+  process_.reset(g_subprocess_launcher_spawnv(launcher, command, nullptr));
+  if (!process_) return false;
+  g_subprocess_communicate_utf8_async(process_.get(), nullptr, listening_.get(), onEnd, this);
   return true;
 }
 
 Fetch::~Fetch() {
-  g_cancellable_cancel(listening_);
-  g_object_unref(listening_);
-  if (process_ == nullptr) return;
-  g_subprocess_force_exit(process_);
-  g_subprocess_wait(process_, nullptr, nullptr);
-  g_object_unref(process_);
+  g_cancellable_cancel(listening_.get());
+  if (!process_) return;
+  g_subprocess_force_exit(process_.get());
+  g_subprocess_wait(process_.get(), nullptr, nullptr);
 }
 
 void Fetch::onEnd(GObject* process, GAsyncResult* result, gpointer self) {

@@ -96,9 +96,10 @@ void ownerChanged(GDBusConnection* /*bus*/, const char* /*sender*/, const char* 
 }  // namespace
 
 int main() {
-  TransferService service{kbus::connectService(), {}};
-  g_dbus_connection_signal_subscribe(service.bus, "org.freedesktop.DBus", "org.freedesktop.DBus",
+  const kbus::Owned<GDBusConnection> bus = kbus::connectService();
+  TransferService service{bus.get(), {}};
+  g_dbus_connection_signal_subscribe(bus.get(), "org.freedesktop.DBus", "org.freedesktop.DBus",
                                      "NameOwnerChanged", "/org/freedesktop/DBus", nullptr,
                                      G_DBUS_SIGNAL_FLAGS_NONE, ownerChanged, &service, nullptr);
-  kbus::serve(service.bus, xfr::service::description, {handleCall, nullptr, setDeferred, {}}, &service);
+  kbus::serve(bus.get(), xfr::service::description, {handleCall, nullptr, setDeferred, {}}, &service);
 }

@@ -73,7 +73,7 @@ def directory() -> Iterator[Path]:
 
 def main() -> None:
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {*PASSED_ON, signal.SIGCHLD})
-    # What runs alone may start others like that, which see its files.
+    # A command that already runs alone may start another, which sees its files.
     memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
     first = _enter_namespaces(memory)
     if not first:

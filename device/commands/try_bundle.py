@@ -65,8 +65,8 @@ def main() -> int:
     if not arguments.root:
         files = {BUSYBOX: Path(BUSYBOX).resolve(), **files}
     system = System(arguments.root)
-    device = VirtualDevice(build, files, services.enter if why_not else confinement.confine, system.fill)
-    with device:
+    enter = services.enter if why_not else confinement.confine
+    with VirtualDevice(build, files, enter, system.fill) as device:
         if one_user():
             print("the device has no user but root, because you are not root: chown to others fails there")
         show("put on the device, which lacks them", system.added)

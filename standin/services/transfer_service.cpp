@@ -61,7 +61,7 @@ void handleCall(GDBusConnection* /*bus*/, const char* client, const char* /*path
   auto& service = *static_cast<TransferService*>(data);
   int id = 0;
   g_variant_get_child(arguments, 0, "i", &id);
-  // A number that comes again has a new transfer.
+  // A number that is used again gets a new transfer.
   service.transfers.remove_if(
       [&](const Transfer& transfer) { return transfer.client == client && transfer.id == id; });
   g_dbus_method_invocation_return_value(call, nullptr);

@@ -69,7 +69,7 @@ def attempt(lines: str = "", end: str = ENDED, stderr: bool = False,
 
 
 def failed(code: str, start: str = STARTED) -> Attempt:
-    return Attempt(traced(start + ENDED)[0], shown=[f"showError {code}: It failed."])
+    return Attempt(traced(start + ENDED)[0], shown=[f"showError {code}"])
 
 
 DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before it reaches its script (code 00)"

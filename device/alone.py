@@ -121,7 +121,10 @@ def _enter_namespaces(memory: str) -> int | None:
     here = os.getcwd()
     if _libc.setns(first, namespaces) != 0:
         return None
-    os.chdir(here)
+    try:
+        os.chdir(here)
+    except FileNotFoundError:
+        sys.exit(f"alone: {here} cannot be seen here; start this outside {memory}")
     return first
 
 

@@ -52,11 +52,14 @@ kbus::Owned<GDBusConnection> connectInTime(GError** error) {
     return kbus::connect(cancellable, error);
   });
   const auto timeout = std::chrono::milliseconds(kbus::callTimeoutMilliseconds);
-  if (connecting.wait_for(timeout) != std::future_status::ready) {
-    syslog(LOG_ERR, "kbus: the bus does not answer");
-    g_cancellable_cancel(cancellable);
+  const bool inTime = connecting.wait_for(timeout) == std::future_status::ready;
+  if (!inTime) g_cancellable_cancel(cancellable);
+  kbus::Owned<GDBusConnection> bus = connecting.get();
+  if (!bus && !inTime) {
+    g_clear_error(error);
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "the bus does not answer");
   }
-  return connecting.get();
+  return bus;
 }
 
 }  // namespace

@@ -11,7 +11,7 @@ constexpr int partOfFile = 18;  // the numbers are curl's own
 constexpr int refusedByServer = 22;
 constexpr int ok = 200;
 
-// What curl is to say of a response.
+// What curl reports about a response.
 constexpr const char* responseFormat =
     "%{stderr}%{response_code} %{http_version} %{size_download} "
     "%header{transfer-encoding}:%header{content-length}";
@@ -27,7 +27,9 @@ int resultOf(GSubprocess* process, const char* response) {
   if (exitStatus != 0 && exitStatus != refusedByServer) return exitStatus;
 
   int status = 0;
-  std::string version, size, framing;
+  std::string version;
+  std::string size;
+  std::string framing;
   std::istringstream(response) >> status >> version >> size >> framing;
   if (exitStatus != 0 || status != ok) return status;
   return isKnownToBeWhole(version, size, framing) ? Fetch::whole : partOfFile;

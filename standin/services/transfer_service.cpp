@@ -78,7 +78,9 @@ gboolean setDeferred(GDBusConnection* /*bus*/, const char* /*sender*/, const cha
                      const char* /*interface*/, const char* /*property*/, GVariant* value, GError** /*error*/,
                      gpointer data) {
   auto& service = *static_cast<TransferService*>(data);
-  service.deferredCode = g_variant_get_int32(value);
+  const int code = g_variant_get_int32(value);
+  if (code == service.deferredCode) return TRUE;
+  service.deferredCode = code;
   for (auto next = service.transfers.begin(); next != service.transfers.end();) service.proceed(next++);
   return TRUE;
 }

@@ -56,7 +56,8 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
                         metavar="KEY=VALUE", help="set a value of the configuration store")
     parser.add_argument("--once", action="store_true", help="skip the second attempt")
     parser.add_argument("--timeout", type=float, metavar="SECONDS", help="stop an attempt that takes longer")
-    parser.add_argument("--strict", action="store_true", help="exit with status 1 after 'installed, but', too")
+    parser.add_argument("--strict", action="store_true",
+                        help="exit with status 1 after 'installed, but', too")
     parser.add_argument("--unconfined", action="store_true",
                         help="run the bundle even where run.sh can reach this machine")
     parser.add_argument("--no-install", action="store_true", help="do not install packages that are missing")

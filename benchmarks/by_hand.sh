@@ -3,12 +3,15 @@
 set -eu
 PATH=/usr/bin:/bin
 directory=/tmp/bench
-document=$(curl -sSf --cacert /etc/ssl/certs/ca-certificates.crt "$1")
+download() {
+  curl -sSf --connect-to ::127.0.0.1: --cacert /etc/ssl/certs/ca-certificates.crt "$@"
+}
+document=$(download "$1")
 url=${document#*'"url": "'}
 url=${url%%'"'*}
 signature=${document#*'"signature": "'}
 signature=${signature%%'"'*}
-curl -sSf --cacert /etc/ssl/certs/ca-certificates.crt -o "$directory/archive" "$url"
+download -o "$directory/archive" "$url"
 echo "$signature" | base64 -d >"$directory/decoded"
 openssl dgst -sha256 -verify /etc/zelo/pubkeyprod.pem -signature "$directory/decoded" "$directory/archive" >/dev/null
 tar -xzf "$directory/archive" -C "$directory"

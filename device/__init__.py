@@ -6,7 +6,7 @@
 import time
 from collections.abc import Callable
 
-PATIENCE = 100  # seconds to wait for what should come at once: a machine under load is no fault
+PATIENCE = 100  # seconds to wait for what should happen at once: a loaded machine is not a fault
 
 
 def until(condition: Callable[[], object], failure: str = "what was waited for did not happen") -> None:

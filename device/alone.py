@@ -71,10 +71,9 @@ def directory() -> Iterator[Path]:
         _remove(path)
 
 
-def enter() -> None:
-    """Returns in a new process, which is alone. The one that calls this ends as the new one does."""
+def main() -> None:
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {*PASSED_ON, signal.SIGCHLD})
-    # What runs alone may start others like that, which see its files.
+    # A command that already runs alone may start another, which sees its files.
     memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
     first = _enter_namespaces(memory)
     if not first:
@@ -88,7 +87,8 @@ def enter() -> None:
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C shows a traceback
         signal.pthread_sigmask(signal.SIG_SETMASK, before)
-        return
+        # The interpreter ignores these two.
+        os.execv("/usr/bin/env", ["env", "--default-signal=SIGPIPE,SIGXFSZ", *sys.argv[1:]])
 
     status = _attend(command)
     if first:
@@ -121,7 +121,10 @@ def _enter_namespaces(memory: str) -> int | None:
     here = os.getcwd()
     if _libc.setns(first, namespaces) != 0:
         return None
-    os.chdir(here)
+    try:
+        os.chdir(here)
+    except FileNotFoundError:
+        sys.exit(f"alone: {here} cannot be seen here; start this outside {memory}")
     return first
 
 
@@ -155,6 +158,4 @@ def _remove(path: Path) -> None:
 if __name__ == "__main__":
     if len(sys.argv) == 1:
         sys.exit(__doc__)
-    enter()
-    # The interpreter ignores these.
-    os.execv("/usr/bin/env", ["env", "--default-signal=SIGPIPE,SIGXFSZ", *sys.argv[1:]])
+    main()

@@ -17,7 +17,7 @@ from typing import Any
 from device import alone
 from device.architecture import architecture
 from device.bundles import SUCCEEDING_SCRIPT, Bundle, make_bundle, sign
-from device.https_server import HOST, Answer, Server, authority
+from device.https_server import Answer, Server, authority
 from device.keys import Keys
 from device.rootfs import DAEMON, TRANSFER_SERVICE, UI_SHELL, fill, inside, make_null_device
 from device.run import Run
@@ -57,6 +57,7 @@ class VirtualDevice:
             self._try_a_program()
             self.syslog = stack.enter_context(closing(SyslogReceiver(self.path("/dev/log"))))
             self.server = stack.enter_context(closing(Server()))
+            self.published = Bundle(b"", b"")
             # Outside the root; programs inside reach its socket.
             bus = Service(bus_command(self.root / BUS_SOCKET), self._base / "bus.output", "unix:path=")
             self.transfers = self._service(TRANSFER_SERVICE)

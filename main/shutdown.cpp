@@ -48,10 +48,6 @@ void writeLine(int signum) {
 // Ends the process by the signal's default action.
 [[noreturn]] void endBy(int signum) {
   (void)signal(signum, SIG_DFL);
-  sigset_t only;
-  sigemptyset(&only);
-  sigaddset(&only, signum);
-  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
   (void)raise(signum);
   _exit(128 + signum);  // the first process of a container has no default actions
 }

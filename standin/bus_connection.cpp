@@ -2,11 +2,11 @@
 
 namespace kbus {
 
-GDBusConnection* connect(GCancellable* cancellable, GError** error) {
+Owned<GDBusConnection> connect(GCancellable* cancellable, GError** error) {
   constexpr auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                                            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-  return g_dbus_connection_new_for_address_sync("unix:path=/run/kbus.sock", flags, nullptr, cancellable,
-                                                error);
+  return Owned<GDBusConnection>(
+      g_dbus_connection_new_for_address_sync("unix:path=/run/kbus.sock", flags, nullptr, cancellable, error));
 }
 
 bool claimName(GDBusConnection* bus, const char* name, GBusNameOwnerFlags flags, GError** error) {

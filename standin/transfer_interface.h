@@ -1,10 +1,10 @@
 #pragma once
 
-/// How the transfer service and its client library speak with each other.
+/// How the transfer service and its client library talk to each other.
 ///
-/// A client numbers its own transfers. It gets `Progress` as signals, which nobody else gets, until it
-/// calls `Finish`, whose answer comes when nothing works on the transfer any more, or vanishes from the
-/// bus. Addresses and paths are bytes, which need not be UTF-8.
+/// A client numbers its own transfers. It alone gets `Progress` signals, until it calls `Finish` or leaves
+/// the bus. `Finish` is answered when nothing works on the transfer any more. Addresses and paths are bytes,
+/// which need not be UTF-8.
 ///
 /// While the property `deferred` is not 0, all transfers are put off with that deferred code; after that
 /// they begin again.

@@ -16,7 +16,7 @@ from script_rules import check_script
 ARCHIVE = "zelo_installer.tar.gz"
 DOCUMENT = "zelo_installer_meta.json"
 WORK_DIRECTORY_MODE = 0o700
-BLOCK = 4096  # what a file takes at least
+BLOCK = 4096  # the least that a file takes
 
 # The daemon keeps these beside the unpacked files; a member of the same name replaces them.
 RESERVED = (ARCHIVE, DOCUMENT, f"{ARCHIVE}.sig", f"{ARCHIVE}.sig.sha256")

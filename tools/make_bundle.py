@@ -104,6 +104,9 @@ def make_bundle(arguments: argparse.Namespace, report: Report) -> None:
 def publish(scratch: Path, output: Path) -> None:
     """Puts the archive and its document into place."""
     output.mkdir(parents=True, exist_ok=True)
+    for name in (ARCHIVE, DOCUMENT):
+        if (output / name).is_dir():
+            raise Failure(f"{output / name}: is a directory")
     with signals_wait():
         for name in (ARCHIVE, DOCUMENT):
             os.replace(scratch / name, output / name)

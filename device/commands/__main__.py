@@ -1,11 +1,8 @@
-"""Starts a command: /usr/bin/python3 -m device.commands NAME [ARGUMENT]..., with tools/ in PYTHONPATH."""
+"""Starts a command of device/commands, as ci/start does it: NAME [ARGUMENT]..., with tools/ in PYTHONPATH."""
 
 import sys
 
-from device import alone
-
-alone.enter()
-del sys.argv[0]
+del sys.argv[0]  # or messages would begin with this file's name
 
 from command import run_command  # noqa: E402
 

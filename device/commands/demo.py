@@ -97,7 +97,7 @@ def main() -> int:
     parser = argparse.ArgumentParser(
         prog="./demo", description=__doc__,
         epilog="Exit status: 0 when all went as it should, 1 when not, 2 for wrong usage.")
-    parser.add_argument("names", nargs="*", metavar="NAME", help="what to show, instead of everything")
+    parser.add_argument("names", nargs="*", metavar="NAME", help="cases to show (default: all)")
     parser.add_argument("--list", action="store_true", help="list the names")
     parser.add_argument("--no-install", action="store_true", help="do not install packages that are missing")
     arguments = parser.parse_args()

@@ -6,10 +6,9 @@ from pathlib import Path
 
 from command import Stopped
 
-from device import alone, services
+from device import services
 from device.cases import RETRIES, TIMEOUT
-from device.keys import Keys
-from device.trial import confinement
+from device.trial import confinement, trace
 from device.trial.changes import differences, entries
 from device.trial.lines import printable, shortened, show
 from device.trial.options import parse_arguments
@@ -43,20 +42,22 @@ def try_out(device: VirtualDevice, arguments: Namespace) -> int:
 
 
 def describe(attempt: Attempt, name: str) -> None:
-    trace = attempt.trace
+    seen = attempt.trace
     show("shown to the user", attempt.shown)
-    if trace.script and trace.script.end:
-        print(f"run.sh ended with {trace.script.end}")
-    show("programs of run.sh that failed, perhaps as intended", shortened(trace.failed()))
-    show("programs not found", shortened(trace.not_found))
-    show("refused here, but perhaps not on a device", shortened(trace.refused))
-    show("left running", shortened(trace.running().values()))
+    if seen.script and seen.script.end:
+        print(f"run.sh ended with {seen.script.end}")
+    show("programs of run.sh that failed, perhaps as intended", shortened(seen.failed()))
+    show("programs not found", shortened(seen.not_found))
+    show("refused here, but perhaps not on a device", shortened(seen.refused))
+    show("left running", shortened(seen.running().values()))
     show(f"changes by the {name} attempt, without the daemon's own files", attempt.changes or ["none"])
 
 
 def main() -> int:
     arguments = parse_arguments(__doc__)
     build = Path(os.environ.get("ZELO_BUILD_DIR", "build/release"))
+    if cannot_trace := trace.impossible():
+        raise RuntimeError(f"nothing can be traced here: {cannot_trace}")
     if why_not := confinement.impossible():
         if not arguments.unconfined:
             raise RuntimeError(f"run.sh cannot be kept away from this machine: {why_not}; "
@@ -66,9 +67,8 @@ def main() -> int:
     if not arguments.root:
         files = {BUSYBOX: Path(BUSYBOX).resolve(), **files}
     system = System(arguments.root)
-    device = VirtualDevice(build, files, services.enter if why_not else confinement.confine, system.fill)
-    device.keys = Keys(alone.place() / "keys")  # the build may be somebody else's
-    with device:
+    enter = services.enter if why_not else confinement.confine
+    with VirtualDevice(build, files, enter, system.fill) as device:
         if one_user():
             print("the device has no user but root, because you are not root: chown to others fails there")
         show("put on the device, which lacks them", system.added)

@@ -11,7 +11,7 @@ from typing import NamedTuple
 
 # What the daemon and the services leave, whatever the bundle; and what a real device makes at each start.
 NOT_THE_BUNDLE = re.compile(r"/tmp/zeloinstall\.[^/]*(/.*)?|(/var)?/run/zeloinstall\.pid"
-                            r"|/run/(transfer(/.*)?|kbus\.sock)|/(dev|proc)(/.*)?")
+                            r"|/run/kbus\.sock|/(dev|proc)(/.*)?")
 
 
 class Entry(NamedTuple):

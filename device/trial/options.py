@@ -9,8 +9,8 @@ EPILOG = """\
 run.sh cannot reach this machine: it has no network, sees only the device's files and processes, and can
 neither mount, nor set the host name, nor restart the device.
 The second attempt is what a fleet does: every start of the daemon runs the script again, and a timer starts
-it daily. If it fails before it comes to its script, the device cannot be updated any more. A bundle that
-replaces the device's key does that to itself: use --once.
+it daily. If the second attempt fails before it reaches its script, the device can no longer be updated. It
+always does after a bundle that replaces the device's key: use --once.
 
 Exit status: 0 installed, 1 not installed, or the device cannot be updated any more, 2 wrong usage."""
 
@@ -54,9 +54,10 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
                         help="put a file, a program with its libraries, or a folder on the device, at TARGET")
     parser.add_argument("--setting", action="append", default=[], type=setting,
                         metavar="KEY=VALUE", help="set a value of the configuration store")
-    parser.add_argument("--once", action="store_true", help="leave out the second attempt")
+    parser.add_argument("--once", action="store_true", help="skip the second attempt")
     parser.add_argument("--timeout", type=float, metavar="SECONDS", help="stop an attempt that takes longer")
-    parser.add_argument("--strict", action="store_true", help="'installed, but' also has exit status 1")
+    parser.add_argument("--strict", action="store_true",
+                        help="exit with status 1 after 'installed, but', too")
     parser.add_argument("--unconfined", action="store_true",
                         help="run the bundle even where run.sh can reach this machine")
     parser.add_argument("--no-install", action="store_true", help="do not install packages that are missing")

@@ -47,7 +47,7 @@ class System:
         programs = {**device_programs(build), **files}
         self.added = [path for path in FROM_HOST if not os.access(_followed(root, path), os.X_OK)]
         for path, source in programs.items():
-            if path not in FROM_HOST or path in self.added:
+            if path in files or path not in FROM_HOST or path in self.added:
                 _put(root, path, source)
 
 
@@ -87,7 +87,7 @@ def _overlay(own: Path, root: Path) -> bool:
 
 
 def _copy_tree(source: Path, target: Path) -> None:
-    """But nothing that a system mounts; cp says what else could not be copied, and goes on."""
+    """Leaves out what a system mounts. What cannot be copied either is named by cp, and left out."""
     mounted = [word for name in ("dev", "proc", "sys") for word in ("!", "-name", name)]
     owners = ["--no-preserve=ownership"] if one_user() else []
     subprocess.run(["find", source, "-mindepth", "1", "-maxdepth", "1", *mounted,

@@ -2,6 +2,7 @@
 
 import os
 import re
+import subprocess
 from collections import defaultdict
 from dataclasses import dataclass, field
 
@@ -25,6 +26,13 @@ END = re.compile(r"\+\+\+ (?:exited with (\d+)|killed by (\w+).*) \+\+\+")
 TEXT = re.compile(r'"((?:\\.|[^"\\])*)"')
 CHILD = re.compile(r" /\* (\d+) in strace's PID NS \*/")
 CHANNEL = re.compile(r"\d+<((?:pipe|socket):\[\d+\])>(, 1\b)?")
+
+
+def impossible() -> str:
+    """Why this machine can trace nothing; empty when it can."""
+    command = [*STRACE, "--output=/dev/null", "/bin/true"]
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
+    return done.stderr.strip().rpartition("\n")[2] if done.returncode != 0 else ""
 
 
 def unquoted(text: str) -> bytes:

@@ -25,7 +25,7 @@ INTERVAL = 0.05
 
 
 class Watch:
-    """Of one start of the daemon."""
+    """Watches one start of the daemon."""
 
     def __init__(self) -> None:
         self._attempt = Attempt()

@@ -5,6 +5,6 @@
 
 /// What `KbusOpenEx` hands out.
 struct KbusHandleStruct {
-  GDBusConnection* bus;
+  kbus::Owned<GDBusConnection> bus;
   int clients = 0;  // they go before it is closed
 };

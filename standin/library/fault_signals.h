@@ -3,5 +3,5 @@
 #include <array>
 #include <csignal>
 
-/// What the system sends to a program that has done something impossible.
+/// The signals of a crash.
 inline constexpr std::array faultSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS, SIGTRAP};

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <exception>
 #include <future>
+#include <memory>
 
 #include "standin/library/bus_handle.h"
 #include "standin/library/fault_signals.h"
@@ -44,18 +45,21 @@ void blockSignals() {
 
 // On another thread, so that the caller can give up a bus that never answers. One that falls silent after
 // the authentication takes GIO's own 25 s.
-GDBusConnection* connectInTime(GError** error) {
+kbus::Owned<GDBusConnection> connectInTime(GError** error) {
   g_autoptr(GCancellable) cancellable = g_cancellable_new();
-  std::future<GDBusConnection*> connecting = std::async(std::launch::async, [&] {
+  std::future<kbus::Owned<GDBusConnection>> connecting = std::async(std::launch::async, [&] {
     blockSignals();
     return kbus::connect(cancellable, error);
   });
   const auto timeout = std::chrono::milliseconds(kbus::callTimeoutMilliseconds);
-  if (connecting.wait_for(timeout) != std::future_status::ready) {
-    syslog(LOG_ERR, "kbus: the bus does not answer");
-    g_cancellable_cancel(cancellable);
+  const bool inTime = connecting.wait_for(timeout) == std::future_status::ready;
+  if (!inTime) g_cancellable_cancel(cancellable);
+  kbus::Owned<GDBusConnection> bus = connecting.get();
+  if (!bus && !inTime) {
+    g_clear_error(error);
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "the bus does not answer");
   }
-  return connecting.get();
+  return bus;
 }
 
 }  // namespace
@@ -63,16 +67,15 @@ GDBusConnection* connectInTime(GError** error) {
 KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) try {
   endWithStatusOneOnFatalErrors();
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GDBusConnection) bus = connectInTime(&error);
-  if (bus == nullptr || !kbus::claimName(bus, serviceName, sharing, &error)) {
+  auto handle = std::make_unique<KbusHandleStruct>();
+  handle->bus = connectInTime(&error);
+  if (!handle->bus || !kbus::claimName(handle->bus.get(), serviceName, sharing, &error)) {
     syslog(LOG_ERR, "kbus: %s", error->message);
     *resultCode = failed;
     return nullptr;
   }
-  auto* const handle = new KbusHandleStruct{bus};
-  g_object_ref(bus);
   *resultCode = 0;
-  return handle;
+  return handle.release();
 } catch (const std::exception& error) {  // no memory, no thread
   syslog(LOG_ERR, "kbus: %s", error.what());
   *resultCode = failed;
@@ -82,7 +85,6 @@ KbusHandleStruct* KbusOpenEx(const char* serviceName, int* resultCode) try {
 int KbusClose(KbusHandleStruct* handle) {
   if (handle == nullptr) return -1;
   if (handle->clients != 0) std::abort();
-  g_autoptr(GDBusConnection) bus = handle->bus;
-  delete handle;
-  return g_dbus_connection_close_sync(bus, nullptr, nullptr) != FALSE ? 0 : -1;
+  const std::unique_ptr<KbusHandleStruct> owned(handle);
+  return g_dbus_connection_close_sync(owned->bus.get(), nullptr, nullptr) != FALSE ? 0 : -1;
 }

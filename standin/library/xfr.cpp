@@ -93,7 +93,7 @@ struct TransferServiceImpl::State {
   State(const State&) = delete;
   State& operator=(const State&) = delete;
   ~State() {
-    if (subscription != 0) g_dbus_connection_remove_filter(handle->bus, subscription);
+    if (subscription != 0) g_dbus_connection_remove_filter(handle->bus.get(), subscription);
     --handle->clients;
   }
 
@@ -107,9 +107,9 @@ struct TransferServiceImpl::State {
 
 bool TransferServiceImpl::State::call(const char* method, GVariant* arguments, const char* interface) const {
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(handle->bus, service::name, "/", interface, method,
-                                                          arguments, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START,
-                                                          kbus::callTimeoutMilliseconds, nullptr, &error);
+  g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+      handle->bus.get(), service::name, "/", interface, method, arguments, nullptr,
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, kbus::callTimeoutMilliseconds, nullptr, &error);
   if (reply == nullptr) syslog(LOG_ERR, "kbus: %s: %s", service::name, error->message);
   return reply != nullptr;
 }
@@ -120,7 +120,7 @@ TransferServiceImpl::~TransferServiceImpl() = default;
 
 bool TransferServiceImpl::initialize() {
   if (!state_->call("Ping", nullptr, "org.freedesktop.DBus.Peer")) return false;
-  state_->subscription = g_dbus_connection_add_filter(state_->handle->bus, filter, nullptr, nullptr);
+  state_->subscription = g_dbus_connection_add_filter(state_->handle->bus.get(), filter, nullptr, nullptr);
   return true;
 }
 
@@ -136,7 +136,7 @@ Transfer* TransferServiceImpl::initiateTransfer(TransferRequestDescImpl* request
   }
   g_listeners.forget(handle->id);
   // A service that has only been too slow to answer must not go on.
-  g_dbus_connection_call(state_->handle->bus, service::name, "/", service::name, "Finish",
+  g_dbus_connection_call(state_->handle->bus.get(), service::name, "/", service::name, "Finish",
                          g_variant_new("(i)", handle->id), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START,
                          kbus::callTimeoutMilliseconds, nullptr, nullptr, nullptr);
   wanted.listener->setTransfer(nullptr);

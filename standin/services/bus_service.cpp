@@ -16,11 +16,11 @@ namespace {
 
 }  // namespace
 
-GDBusConnection* connectService() {
+Owned<GDBusConnection> connectService() {
   g_autoptr(GError) error = nullptr;
-  GDBusConnection* const bus = connect(nullptr, &error);
-  if (bus == nullptr) fail(error->message);
-  g_signal_connect(bus, "closed", G_CALLBACK(+[] { fail("the bus is gone"); }), nullptr);
+  Owned<GDBusConnection> bus = connect(nullptr, &error);
+  if (!bus) fail(error->message);
+  g_signal_connect(bus.get(), "closed", G_CALLBACK(+[] { fail("the bus is gone"); }), nullptr);
   return bus;
 }
 

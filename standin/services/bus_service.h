@@ -5,7 +5,7 @@
 namespace kbus {
 
 /// Connects to the bus. As in `serve`, what fails ends the program.
-[[nodiscard]] GDBusConnection* connectService();
+[[nodiscard]] Owned<GDBusConnection> connectService();
 
 /// Offers the one object of a service, whose path is "/", and claims the name of its interface. Works until
 /// the bus is gone.

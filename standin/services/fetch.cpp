@@ -11,7 +11,7 @@ constexpr int partOfFile = 18;  // the numbers are curl's own
 constexpr int refusedByServer = 22;
 constexpr int ok = 200;
 
-// What curl is to say of a response.
+// What curl reports about a response.
 constexpr const char* responseFormat =
     "%{stderr}%{response_code} %{http_version} %{size_download} "
     "%header{transfer-encoding}:%header{content-length}";
@@ -27,7 +27,9 @@ int resultOf(GSubprocess* process, const char* response) {
   if (exitStatus != 0 && exitStatus != refusedByServer) return exitStatus;
 
   int status = 0;
-  std::string version, size, framing;
+  std::string version;
+  std::string size;
+  std::string framing;
   std::istringstream(response) >> status >> version >> size >> framing;
   if (exitStatus != 0 || status != ok) return status;
   return isKnownToBeWhole(version, size, framing) ? Fetch::whole : partOfFile;
@@ -51,19 +53,17 @@ bool Fetch::start(const std::string& address, const std::string& destination) {
       "--connect-timeout", "30", "--speed-limit", "1", "--speed-time", "30",
       "--write-out", responseFormat, "--output", destination.c_str(), "--", address.c_str(), nullptr};
   // clang-format on
-  process_ = g_subprocess_launcher_spawnv(launcher, command, nullptr);
-  if (process_ == nullptr) return false;
-  g_subprocess_communicate_utf8_async(process_, nullptr, listening_, onEnd, this);
+  process_.reset(g_subprocess_launcher_spawnv(launcher, command, nullptr));
+  if (!process_) return false;
+  g_subprocess_communicate_utf8_async(process_.get(), nullptr, listening_.get(), onEnd, this);
   return true;
 }
 
 Fetch::~Fetch() {
-  g_cancellable_cancel(listening_);
-  g_object_unref(listening_);
-  if (process_ == nullptr) return;
-  g_subprocess_force_exit(process_);
-  g_subprocess_wait(process_, nullptr, nullptr);
-  g_object_unref(process_);
+  g_cancellable_cancel(listening_.get());
+  if (!process_) return;
+  g_subprocess_force_exit(process_.get());
+  g_subprocess_wait(process_.get(), nullptr, nullptr);
 }
 
 void Fetch::onEnd(GObject* process, GAsyncResult* result, gpointer self) {

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <gio/gio.h>
-
 #include <functional>
 #include <string>
+
+#include "standin/bus_connection.h"
 
 /// One run of curl, which fetches an address into a file.
 class Fetch {
@@ -28,6 +28,6 @@ class Fetch {
   static void onEnd(GObject* process, GAsyncResult* result, gpointer self);
 
   std::function<void(int result)> ended_;
-  GSubprocess* process_ = nullptr;
-  GCancellable* const listening_ = g_cancellable_new();
+  kbus::Owned<GSubprocess> process_;
+  const kbus::Owned<GCancellable> listening_{g_cancellable_new()};
 };

@@ -61,7 +61,7 @@ void handleCall(GDBusConnection* /*bus*/, const char* client, const char* /*path
   auto& service = *static_cast<TransferService*>(data);
   int id = 0;
   g_variant_get_child(arguments, 0, "i", &id);
-  // A number that comes again has a new transfer.
+  // A number that is used again gets a new transfer.
   service.transfers.remove_if(
       [&](const Transfer& transfer) { return transfer.client == client && transfer.id == id; });
   g_dbus_method_invocation_return_value(call, nullptr);
@@ -78,7 +78,9 @@ gboolean setDeferred(GDBusConnection* /*bus*/, const char* /*sender*/, const cha
                      const char* /*interface*/, const char* /*property*/, GVariant* value, GError** /*error*/,
                      gpointer data) {
   auto& service = *static_cast<TransferService*>(data);
-  service.deferredCode = g_variant_get_int32(value);
+  const int code = g_variant_get_int32(value);
+  if (code == service.deferredCode) return TRUE;
+  service.deferredCode = code;
   for (auto next = service.transfers.begin(); next != service.transfers.end();) service.proceed(next++);
   return TRUE;
 }
@@ -96,9 +98,10 @@ void ownerChanged(GDBusConnection* /*bus*/, const char* /*sender*/, const char* 
 }  // namespace
 
 int main() {
-  TransferService service{kbus::connectService(), {}};
-  g_dbus_connection_signal_subscribe(service.bus, "org.freedesktop.DBus", "org.freedesktop.DBus",
+  const kbus::Owned<GDBusConnection> bus = kbus::connectService();
+  TransferService service{bus.get(), {}};
+  g_dbus_connection_signal_subscribe(bus.get(), "org.freedesktop.DBus", "org.freedesktop.DBus",
                                      "NameOwnerChanged", "/org/freedesktop/DBus", nullptr,
                                      G_DBUS_SIGNAL_FLAGS_NONE, ownerChanged, &service, nullptr);
-  kbus::serve(service.bus, xfr::service::description, {handleCall, nullptr, setDeferred, {}}, &service);
+  kbus::serve(bus.get(), xfr::service::description, {handleCall, nullptr, setDeferred, {}}, &service);
 }

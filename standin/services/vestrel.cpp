@@ -27,8 +27,8 @@ void hearEvent(GDBusConnection* /*bus*/, const char* /*sender*/, const char* /*p
 }  // namespace
 
 int main() {
-  GDBusConnection* const bus = kbus::connectService();
-  g_dbus_connection_signal_subscribe(bus, nullptr, "com.qorvex.vestrel.zelo", nullptr, nullptr, nullptr,
+  const kbus::Owned<GDBusConnection> bus = kbus::connectService();
+  g_dbus_connection_signal_subscribe(bus.get(), nullptr, "com.qorvex.vestrel.zelo", nullptr, nullptr, nullptr,
                                      G_DBUS_SIGNAL_FLAGS_NONE, hearEvent, nullptr, nullptr);
-  kbus::serve(bus, description, {nullptr, nullptr, setLoad, {}}, nullptr);
+  kbus::serve(bus.get(), description, {nullptr, nullptr, setLoad, {}}, nullptr);
 }

@@ -15,7 +15,7 @@ from device.keys import Keys
 
 pytestmark = pytest.mark.usefixtures("plain_only")  # sanitizers and emulators do not run under a tracer
 ROOT = Path(__file__).resolve().parents[2]
-COMMAND = [sys.executable, "-m", "device.commands", "try-bundle"]
+COMMAND = [sys.executable, "-m", "device.alone", sys.executable, "-m", "device.commands", "try-bundle"]
 DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before it reaches its script"
 SHOWN = r"""#!/bin/sh -e
 printf 'caf\303\251 \377\302\233\n' >&2

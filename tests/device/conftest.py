@@ -12,17 +12,11 @@ from device.gate import Gate
 from device.virtual_device import VirtualDevice
 
 
-@pytest.fixture(scope="session")
-def plain(build: Path) -> bool:
-    """Whether the daemon runs as it is: not under an emulator, nor instrumented by a sanitizer."""
+@pytest.fixture
+def plain_only(build: Path) -> None:
     daemon = build / "zeloinstall"
     instrumented = any(name in daemon.read_bytes() for name in (b"__asan_init", b"__tsan_init"))
-    return not instrumented and not architecture(daemon).launcher
-
-
-@pytest.fixture
-def plain_only(plain: bool) -> None:
-    if not plain:
+    if instrumented or architecture(daemon).launcher:
         pytest.skip("an emulator or a sanitizer has needs of its own")
 
 

@@ -4,11 +4,9 @@ import base64
 import json
 import os
 import time
-from threading import Event
 
 import pytest
 
-from device import until
 from device.bundles import RECORD
 from device.cases import (BUNDLE_FAILED, END, LOST, METADATA_FAILED, RETRIES, STAGES, TIMEOUT, Case,
                           defaulted, ended, own_lines, script, script_runs)
@@ -44,19 +42,6 @@ def test_defaults_pauses_and_redirects(device: VirtualDevice) -> None:
     defaults = [defaulted(RETRIES), defaulted(TIMEOUT)]
     assert own_lines(device) == [STAGES[0], *defaults, STAGES[1], *defaults, *[BUNDLE_FAILED + LOST] * 3,
                                  *STAGES[2:], END]
-
-
-def test_transfer_service_dies(device: VirtualDevice) -> None:
-    """The attempt ends at its time limit, and the next finds the service that is back."""
-    device.server.answer(ARCHIVE, Answer(event=Event()), Answer(device.published.archive))
-    device.set_pref(RETRIES, "1")
-    device.set_pref(TIMEOUT, "8")
-    run = device.start()
-    until(lambda: ARCHIVE in device.server.requests)
-    device.transfers.stop()
-    device.transfers.start()
-    assert run.wait() == 0
-    assert own_lines(device) == [*STAGES[:2], BUNDLE_FAILED + LOST, *STAGES[2:], END]
 
 
 def test_what_a_good_run_asks_and_leaves(device: VirtualDevice) -> None:

@@ -20,6 +20,7 @@ DEAD = "THE DEVICE CANNOT BE UPDATED ANY MORE: the next attempt fails before it 
 SHOWN = r"""#!/bin/sh -e
 printf 'caf\303\251 \377\302\233\n' >&2
 echo progress
+cat /etc/group
 mkdir /new
 rm /etc/group
 cat /etc/device-info > /etc/passwd
@@ -28,6 +29,7 @@ ln -s /x /etc/link
 touch "$(printf '/tmp/\377')"
 sleep 1000 > /dev/null 2>&1 &
 awk 'BEGIN { exit 3 }' || env nosuch || true
+(exit 2) || sh -c 'kill -SEGV $$' || true
 """
 # What only somebody can do who reaches this machine; none does harm there.
 ESCAPES = """
@@ -77,12 +79,14 @@ def test_what_is_shown(build: Path, source: Path) -> None:
     status, said = attempt(build, "--strict", source)
     events = [line.partition(" s  ")[2] for line in said.splitlines()]
     for event in ("stderr   caf\\xc3\\xa9 \\xff\\xc2\\x9b", "stdout   progress  (dropped on a device)",
+                  "stdout   [27 bytes]  (dropped on a device)",
                   "stderr   env: can't execute 'nosuch': No such file or directory"):
         assert event in events
     first = said.partition("run.sh ended with ")[2].partition("second attempt:")[0]
     assert first.splitlines() == [
         "status 0", "programs of run.sh that failed, perhaps as intended:",
         "  awk BEGIN { exit 3 }: status 3", "  env nosuch: status 127",
+        "  sh -c kill -SEGV $$: SIGSEGV",
         "programs not found:", "  nosuch", "left running:", "  sleep 1000",
         "changes by the first attempt, without the daemon's own files:",
         "  changed  /etc/device-info (-rw-r--r-- 0:0, now -rw------- 0:0)", "  removed  /etc/group",
@@ -96,9 +100,17 @@ def test_what_is_shown(build: Path, source: Path) -> None:
     ("mkdir /x", "--once --strict", "installed", 0),
     ("touch /x; rm -f /dev/log", "", "installed", 0),
     ("chmod 000 /usr/lib", "", "installed", 0),
-    ("echo >> /x", "", "the second attempt changes more", 0),
-    ("rm /usr/bin/openssl", "", f"{DEAD} (code 00)", 1),
-    ("rm /bin/sh /usr/bin/busybox", "", f"{DEAD} (the daemon could not be started)", 1),
+    (":", "", "  nothing changed on the device", 0),
+    ("echo >> /x", "", "  the second attempt changes more", 0),
+    ("touch /x; kill -9 $$", "--once", "  run.sh ended with SIGKILL, which counts as success", 0),
+    ("touch /x; echo >&2", "--once", "  something was written on standard error", 0),
+    ("touch /x; exec 2>&-; umount /proc || umount /proc || true", "--once",
+     "  refused here, but perhaps not on a device: umount2 (2 times)", 0),
+    ("touch /x; sleep 1000 >&2 &", "--once",
+     "  left running, until the service unit kills them: sleep 1000", 0),
+    ("rm /usr/bin/openssl", "", f"  {DEAD} (code 00)", 1),
+    ("rm /usr/bin/openssl; exit 1", "", f"{DEAD} (code 00)", 1),
+    ("rm /bin/sh /usr/bin/busybox", "", f"  {DEAD} (the daemon could not be started)", 1),
     ("echo progress > /dev/stderr", "", "NOT INSTALLED: code 03", 1),  # as under the service unit
     ("sleep 1000", "--timeout 1", "NOT INSTALLED: stopped after 1 s", 1),
     ("touch /x", "--setting zelo.installer.download.retries=-1", "NOT INSTALLED: code 99", 1),
@@ -108,7 +120,7 @@ def test_what_is_shown(build: Path, source: Path) -> None:
 def test_verdict(build: Path, source: Path, script: str, options: str, verdict: str, expected: int) -> None:
     write(source, script)
     status, said = attempt(build, *options.format(source=source).split(), source)
-    assert (status, said.splitlines()[-1].strip()) == (expected, verdict), said
+    assert (status, said.splitlines()[-1]) == (expected, verdict), said
 
 
 @pytest.mark.usefixtures("confined_only")
@@ -150,6 +162,7 @@ def test_a_bundle_with_its_key(build: Path, source: Path, tmp_path: Path) -> Non
     assert attempt(build, source, "--key", keys.public("author"))[0] == 2
     status, said = attempt(build, document, archive, "--key", keys.public("other"))
     assert status == 1 and said.endswith("code 00\n") and "error: the signature does not verify" in said
+    assert "programs of run.sh" not in said  # the openssl that fails is the daemon's
     document.write_bytes(bundle.document.replace(b"https:", b"http:"))
     assert attempt(build, document, archive, "--key", keys.public("author"))[1].endswith("code 02\n")
 

@@ -9,23 +9,18 @@ ROOT = Path(__file__).resolve().parents[2]
 
 
 def test_daemon_for_a_device(build: Path, tmp_path: Path) -> None:
-    """Built against a library from elsewhere and its header, whose client has more members than ours."""
+    """Built against a library from elsewhere and its header, which is not ours."""
     library = build / "standin" / "libzelo_platform.so"
     header = build / "install" / "headers" / "platform" / "xfr.h"
     header.parent.mkdir(parents=True, exist_ok=True)
-    ours = ROOT / "platform" / "xfr.h"
-    before, member, after = ours.read_text().rpartition("std::unique_ptr<State> state_;")
-    header.write_text(f"{before}{member} char more_[256];{after}")
+    ours = (ROOT / "platform" / "xfr.h").read_text()
+    header.write_text(f'{ours}__asm__(".ident \\"from elsewhere\\"");\n')
     elsewhere = build / "install" / "device-build"  # kept: the next time builds only what has changed
     subprocess.run(["cmake", "-S", ROOT, "-B", elsewhere, "-G", "Ninja", "-DZELO_TESTS=OFF",
                     f"-DZELO_PLATFORM_LIBRARIES={library}", f"-DZELO_PLATFORM_HEADERS={header.parents[1]}"],
                    check=True)
     subprocess.run(["cmake", "--build", elsewhere], check=True)
-    listing = subprocess.check_output(["ninja", "-C", elsewhere, "-t", "deps"], text=True)
-    included = {Path(line.strip()) for line in listing.splitlines()}
-    assert {header, ROOT / "platform" / "kbus.h"} <= included
-    assert ours not in included
-
+    assert b"from elsewhere" in (elsewhere / "zeloinstall").read_bytes()
     subprocess.run(["cmake", "--install", elsewhere, "--prefix", "/usr", "--component", "daemon"], check=True,
                    env={**os.environ, "DESTDIR": str(tmp_path)})
     # A device has a place for the platform's libraries, and no other is searched.

@@ -26,13 +26,13 @@ constexpr std::uint32_t everyLevel = 0x0FFF0000;
 std::mutex g_log_lock;
 
 struct Report final : xfr::TransferStatus {
-  Report(int stateValue, int idValue, int deferredValue)
-      : state(stateValue), id(idValue), deferred(deferredValue) {}
+  Report(int stateValue, int idValue, int deferredValue, int laterState)
+      : state(stateValue), id(idValue), deferred(deferredValue), later(laterState) {}
   int getId() override { return id; }
-  int getState() override { return state; }
+  int getState() override { return std::exchange(state, later == 0 ? state : later); }
   int getErrorCode() override { return 500; }
   int getDeferredCode() override { return deferred; }
-  int state, id, deferred;
+  int state, id, deferred, later;
 };
 
 int giveText(const std::optional<std::string>& text, char** result) {
@@ -53,8 +53,8 @@ Handle::~Handle() {
   EXPECT_TRUE(!handedOver || platform.requestsAlive == 0) << "a request must not outlive its handle";
 }
 
-void Request::report(int state, int deferred, int reportedId) const {
-  Report status(state, reportedId == 0 ? id : reportedId, deferred);
+void Request::report(int state, int deferred, int reportedId, int later) const {
+  Report status(state, reportedId == 0 ? id : reportedId, deferred, later);
   listener->onProgress(&status);
 }
 

@@ -32,8 +32,9 @@ struct Request {
 
   void announce() const { listener->setTransfer(handle); }
 
-  /// Reports a state; an id of 0 stands for the transfer's own.
-  void report(int state, int deferred = 0, int reportedId = 0) const;
+  /// Reports a state, which the library changes to `later` after the first look at it. An id of 0 stands for
+  /// the transfer's own, a `later` of 0 for no change.
+  void report(int state, int deferred = 0, int reportedId = 0, int later = 0) const;
 };
 
 struct Platform {

@@ -6,7 +6,7 @@ from pathlib import Path
 
 from booted_root import BootedRoot
 from device import until
-from device.https_server import HOST, Answer, Server, authority
+from device.https_server import Answer, Server, authority
 from device.rootfs import TRANSFER_SERVICE, UI_SHELL, device_programs
 from device.services import bus_command
 from device.virtual_device import ARCHIVE, DOCUMENT
@@ -26,7 +26,6 @@ class SystemdDevice(BootedRoot):
         for path in TRANSFER_SERVICE, UI_SHELL, "/usr/bin/kbus-set-prop", "/usr/bin/kbus-send-event":
             shutil.copy(device_programs(build)[path], self.path(path))
         for path, text in {
-            "/etc/hosts": f"127.0.0.1 {HOST}\n",
             "/etc/device-info": "[device]\nsoftware_version=1\nsoftware_package_name=base\n",
             "/etc/ssl/certs/ca-certificates.crt": authority().cert_pem.bytes().decode(),
             "/var/lib/prefbox/url.zelo.installer.metadata": f"{self.server.url(DOCUMENT)}?%s&%s",

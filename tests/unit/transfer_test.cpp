@@ -83,6 +83,19 @@ TEST_F(Transfer, ReportsWithoutStatusOrHandleAreIgnored) {
   EXPECT_EQ(platform.log.at(1), "<4> W TransferWrapper:onProgress:transfer is NULL:");
 }
 
+TEST_F(Transfer, TheDeadlineCoversTheSubmission) {
+  timespec submitted{};
+  timespec until{};
+  platform.onInitiate = [&](Request&) { return clock_gettime(CLOCK_REALTIME, &submitted) == 0; };
+  platform.onTimedWait = [&](const timespec& deadline) {
+    until = deadline;
+    return ETIMEDOUT;
+  };
+  EXPECT_EQ(download(longTime), "download failed");
+  EXPECT_LE(std::make_pair(until.tv_sec - longTime, until.tv_nsec),
+            std::make_pair(submitted.tv_sec, submitted.tv_nsec));
+}
+
 TEST_F(Transfer, IdsBelowOneAreInvalidEvenWhereTheyMatch) {
   for (const int id : {-5, 0}) {
     platform.log.clear();

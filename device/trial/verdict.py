@@ -30,13 +30,20 @@ class Attempt:
             return f"code {codes[-1]}"
         if not self.trace.daemon.end:
             return "the daemon could not be started"
-        return "" if self.trace.daemon.end == SUCCESS else f"the daemon ended with {self.trace.daemon.end}"
+        if self.trace.daemon.end != SUCCESS:
+            return f"the daemon ended with {self.trace.daemon.end}"
+        # The bundle may have replaced what would show a code, or the daemon itself.
+        if not self.trace.script:
+            return "run.sh was not started"
+        script_end = self.trace.script.end
+        failed = script_end.startswith("status") and script_end != SUCCESS
+        return f"run.sh ended with {script_end}" if failed else ""
 
 
 def judge(first: Attempt, second: Attempt | None = None, *, strict: bool) -> tuple[list[str], int]:
     """Lines to tell, and the exit status. `second` followed, with the same bundle on the same device."""
     again = second.failure() if second else ""
-    dead = bool(second and again and not second.trace.script and not second.stopped)
+    dead = bool(second and not second.trace.script and not second.stopped)
     if failure := first.failure():
         return [f"NOT INSTALLED: {failure}", *([f"{DEAD} ({again})"] if dead else [])], 1
     trace, left = first.trace, first.trace.running().values()

@@ -111,6 +111,10 @@ def test_what_is_shown(build: Path, source: Path) -> None:
     ("rm /usr/bin/openssl", "", f"  {DEAD} (code 00)", 1),
     ("rm /usr/bin/openssl; exit 1", "", f"{DEAD} (code 00)", 1),
     ("rm /bin/sh /usr/bin/busybox", "", f"  {DEAD} (the daemon could not be started)", 1),
+    ("echo '#!/bin/sh' > /x; chmod +x /x; mv /x /usr/sbin/zeloinstall", "",
+     f"  {DEAD} (run.sh was not started)", 1),
+    ("echo '#!/bin/sh' > /usr/bin/kbus-send-event; exit 1", "",
+     "NOT INSTALLED: run.sh ended with status 1", 1),
     ("echo progress > /dev/stderr", "", "NOT INSTALLED: code 03", 1),  # as under the service unit
     ("sleep 1000", "--timeout 1", "NOT INSTALLED: stopped after 1 s", 1),
     ("touch /x", "--setting zelo.installer.download.retries=-1", "NOT INSTALLED: code 99", 1),

@@ -9,7 +9,6 @@ leaves is ended and removed afterwards; but after SIGKILL, some of it may stay.
 """
 
 import ctypes
-import json
 import os
 import select
 import signal
@@ -22,13 +21,13 @@ from pathlib import Path
 
 SHARED_MEMORY = "/dev/shm"  # on every machine, and short: the path of a socket holds 108 bytes
 VARIABLE = "ZELO_ALONE"  # says where the directory is
-BWRAP = ("/usr/bin/env", "bwrap", "--die-with-parent", "--as-pid-1", "--unshare-pid", "--unshare-net",
-         "--dev-bind", "/", "/", "--info-fd", "2")
-AS_ROOT = ("--unshare-user", "--uid", "0", "--gid", "0", "--cap-add", "ALL")
-# The system reaps orphans. It ends when nobody can write to its standard input any more.
+UNSHARE = ("/usr/bin/unshare", "--mount", "--pid", "--net", "--fork", "--kill-child")
+# Says its number here, where the /proc is that it finds. The system reaps orphans. It ends when nobody can
+# write to its standard input any more.
 FIRST_PROCESS = """
-mount -t proc proc /proc && mount -t tmpfs -o mode=1777 tmpfs "$1" || exit
-echo ready
+read -r number rest </proc/self/stat
+mount -t proc proc /proc && mount -t tmpfs -o mode=1777 tmpfs "$1" && busybox ip link set lo up || exit
+echo "$number"
 exec env --ignore-signal=CHLD cat
 """
 PASSED_ON = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT}
@@ -110,14 +109,14 @@ def _enter_namespaces(memory: str) -> int | None:
     process there, with which all others end, or None where namespaces are refused.
     """
     namespaces = _MOUNTS | _PROCESSES | _NETWORK | (_USERS if os.geteuid() != 0 else 0)
-    user = AS_ROOT if namespaces & _USERS else ()
-    command = [*BWRAP, *user, "/bin/sh", "-c", FIRST_PROCESS, "sh", memory]
+    user = ("--map-root-user",) if namespaces & _USERS else ()
+    command = [*UNSHARE, *user, "/bin/sh", "-c", FIRST_PROCESS, "sh", memory]
     # Not on the terminal, whose signals are for the command. The pipe is open until this process ends.
-    bwrap = subprocess.Popen(command, stdin=os.pipe()[0], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                             start_new_session=True)
-    if not (bwrap.stdout and bwrap.stderr and bwrap.stdout.readline()):
+    starter = subprocess.Popen(command, stdin=os.pipe()[0], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                               start_new_session=True)
+    if not (starter.stdout and (number := starter.stdout.readline())):
         return None
-    first = os.pidfd_open(json.load(bwrap.stderr)["child-pid"])
+    first = os.pidfd_open(int(number))
     here = os.getcwd()
     if _libc.setns(first, namespaces) != 0:
         return None

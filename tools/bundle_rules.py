@@ -66,8 +66,8 @@ def check_address(url: str, document: Path, report: Report) -> None:
 
 
 def why_refused(url: str) -> str | None:
-    if re.search(r"[\0- \x7f]", url):
-        return "contains a space or control character"
+    if re.search(r"[\0- \x7f\\]", url):
+        return "contains a space, backslash or control character"
     try:
         parts = urlsplit(url)
         host = unquote(parts.hostname or "").lower()

@@ -24,7 +24,7 @@ LINKS = {"fd": "/proc/self/fd", "stdin": "fd/0", "stdout": "fd/1", "stderr": "fd
 def impossible() -> str:
     """Why this machine can confine nothing; empty when it can."""
     if not alone.confined():
-        return "bwrap (package bubblewrap) cannot make namespaces here"
+        return "namespaces are refused here"
     command = ["/usr/bin/unshare", "--user", "--ipc", "--uts", "--pid", "--mount", "/bin/true"]
     refusal = subprocess.run(command, capture_output=True, text=True, check=False).stderr.strip()
     return refusal and f"user namespaces are refused here, {refusal}"

@@ -55,7 +55,7 @@ def parse_arguments(description: str | None) -> argparse.Namespace:
     parser.add_argument("--setting", action="append", default=[], type=setting,
                         metavar="KEY=VALUE", help="set a value of the configuration store")
     parser.add_argument("--once", action="store_true", help="skip the second attempt")
-    parser.add_argument("--timeout", type=float, metavar="SECONDS", help="stop an attempt that takes longer")
+    parser.add_argument("--timeout", type=int, metavar="SECONDS", help="stop an attempt that takes longer")
     parser.add_argument("--strict", action="store_true",
                         help="exit with status 1 after 'installed, but', too")
     parser.add_argument("--unconfined", action="store_true",

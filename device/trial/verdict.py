@@ -43,7 +43,7 @@ class Attempt:
 def judge(first: Attempt, second: Attempt | None = None, *, strict: bool) -> tuple[list[str], int]:
     """Lines to tell, and the exit status. `second` followed, with the same bundle on the same device."""
     again = second.failure() if second else ""
-    dead = bool(second and not second.trace.script and not second.stopped)
+    dead = bool(second and not second.trace.script and not isinstance(second.stopped, Stopped))
     if failure := first.failure():
         return [f"NOT INSTALLED: {failure}", *([f"{DEAD} ({again})"] if dead else [])], 1
     trace, left = first.trace, first.trace.running().values()

@@ -102,10 +102,13 @@ class Watch:
 
     def _explain(self) -> None:
         """Says what is waited for, once it has been quiet for a while."""
-        if not self._trace.script or time.monotonic() < self._last_event + QUIET:
+        if time.monotonic() < self._last_event + QUIET:
             return
-        ended = "run.sh has ended, but its standard output is held; " if self._trace.script.end else ""
-        why = f"{ended}still running: {listed(self._trace.running().values())}"
+        why = f"still running: {listed(self._trace.running().values())}"
+        if not self._trace.script:
+            why = "run.sh has not been started"
+        elif self._trace.script.end:
+            why = f"run.sh has ended, but its standard output is held; {why}"
         if why != self._explained:
             self._show("waiting", why)
             self._explained = why

@@ -117,6 +117,8 @@ def test_what_is_shown(build: Path, source: Path) -> None:
      "NOT INSTALLED: run.sh ended with status 1", 1),
     ("echo progress > /dev/stderr", "", "NOT INSTALLED: code 03", 1),  # as under the service unit
     ("sleep 1000", "--timeout 1", "NOT INSTALLED: stopped after 1 s", 1),
+    ("printf '#!/bin/sh\\nsleep 1000\\n' > /x; chmod +x /x; mv /x /bin/tar", "--timeout 3",
+     f"  {DEAD} (stopped after 3 s)", 1),
     ("touch /x", "--setting zelo.installer.download.retries=-1", "NOT INSTALLED: code 99", 1),
     ("test -s /opt/here/run.sh; touch /x", "--add {source}:/opt/here", "installed", 0),
     ("kill -9 -1", "", "NOT INSTALLED: the daemon ended with SIGKILL", 1),

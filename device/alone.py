@@ -75,13 +75,13 @@ def main() -> None:
     # A command that already runs alone may start another, which sees its files.
     memory = tempfile.mkdtemp(dir=place()) if VARIABLE in os.environ else SHARED_MEMORY
     first = _enter_namespaces(memory)
-    if not first:
+    if first is None:
         _libc.prctl(_ADOPT_ORPHANS, 1)
         memory = tempfile.mkdtemp(prefix="zdev.", dir="/tmp")
     os.environ[VARIABLE] = os.environ["TMPDIR"] = memory
     command = os.fork()
     if command == 0:
-        if not first:
+        if first is None:
             _libc.prctl(_SIGNAL_WHEN_PARENT_ENDS, signal.SIGTERM)
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # or Ctrl-C shows a traceback
@@ -90,7 +90,7 @@ def main() -> None:
         os.execv("/usr/bin/env", ["env", "--default-signal=SIGPIPE,SIGXFSZ", *sys.argv[1:]])
 
     status = _attend(command)
-    if first:
+    if first is not None:
         signal.pidfd_send_signal(first, signal.SIGKILL)
         select.select([first], [], [])  # until all have ended
     else:

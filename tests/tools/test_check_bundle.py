@@ -97,6 +97,7 @@ DOCUMENTS: dict[str, tuple[str, str, str | None, str]] = {
     "bad, then good": ("{", '{"url": "http://a/", ', "02", "error: address 'http://a/': devices"),
     "url a number": ("{", '{"url": 1, ', "02", "error: no string member url"),
     "a blank": ("{", '{"url": "https://a b/", ', "02", "error: address 'https://a b/': contains"),
+    "a backslash": ("{", '{"url": "https://a\\\\b/", ', "02", "error: address 'https://a"),
     "no port": ("{", '{"url": "https://a:b/", ', "02", "error: address 'https://a:b/': Port could not"),
     "no host": ("{", '{"url": "https:///b", ', "02", "error: address 'https:///b': devices accept only"),
     "its own name": ("{", '{"url": "https://%6cocalHost:1/x", ', "02", "error: address 'https://%6cocalHost"),
